@@ -1,0 +1,122 @@
+// platform.h - the whole OS surface of tvu_con.
+//
+// Every call the module, its runtime and its tools make into the operating
+// system goes through this header.  There is one implementation per OS
+// (platform_posix.cpp here; a Windows build adds platform_win.cpp) and CMake
+// picks it.  Callers never test the OS and never hold a file descriptor.
+//
+// Paths: callers pass paths in the module's own form, where "\" and "/" both
+// separate components (saveset names and the meta files directory use "\").
+// The separator is converted to the OS's here, in OsPath(), and nowhere else.
+//
+// Errors: functions return 0 on success or the OS error number (errno here,
+// GetLastError() on Windows), so that messages can print "error = %d" as the
+// module's texts ask.  ErrorText() turns such a number into words.
+//
+// Thread safety: every function may be called from any thread; a handle is
+// used by one thread at a time unless its comment says otherwise.
+#ifndef TVU_PLATFORM_H
+#define TVU_PLATFORM_H
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace pf {
+
+// ---- paths -----------------------------------------------------------------
+// Module form -> OS form (on POSIX every "\" becomes "/").
+std::string OsPath(const char* path);
+// Text for an OS error number.
+std::string ErrorText(int error);
+// The calling thread's last OS error number.
+int LastError();
+
+// ---- files -----------------------------------------------------------------
+struct File;  // opaque; one open file with a file pointer
+
+// Opens an existing file for reading (shared read, random access).
+int FileOpenRead(const char* path, File** out);
+// Creates or truncates a file for writing.
+int FileOpenWrite(const char* path, File** out);
+// Reads up to n bytes at the file pointer and advances it.  Retries
+// interrupted calls and keeps reading after partial reads, so *got < n only
+// at end of file (or on error, when the result is non-zero and *got holds what
+// was read before the error).
+int FileRead(File* f, void* buf, uint64_t n, uint64_t* got);
+// Writes all n bytes at the file pointer (retrying partial writes).
+int FileWrite(File* f, const void* buf, uint64_t n);
+// Moves the file pointer.  whence: 0 from start, 1 from current, 2 from end.
+int FileSeek(File* f, int64_t offset, int whence, uint64_t* newPos);
+// Closes the file; null is allowed.
+void FileClose(File* f);
+// Opens a stdio stream with the path converted to OS form.
+FILE* FOpen(const char* path, const char* mode);
+// Size of a file by path; non-zero when it cannot be learnt.
+int FileSizeByPath(const char* path, uint64_t* size);
+// 1 when path names an existing regular file or directory.
+bool PathExists(const char* path);
+// Creates a directory and any missing parents.
+int MakeDirs(const char* path);
+// Creates an anonymous temporary file opened for update ("w+"), deleted at close.
+FILE* TempFile(int* error);
+
+// ---- directory search ------------------------------------------------------
+// Lists the names (not paths) of the entries of a directory that match a
+// shell-style pattern, in name order.  The pattern is the
+// directory followed by a file pattern, as "dir\*.*"; "*.*" also matches
+// names without a dot, as on the original platform.
+int ListDirectory(const char* pattern, std::vector<std::string>* names);
+
+// ---- shell-style wildcard match -------------------------------------------
+// Matches a name against "*", "?" and "[...]" patterns; true on a match.
+bool WildcardMatch(const char* pattern, const char* name);
+
+// ---- synchronisation -------------------------------------------------------
+struct Mutex;  // unnamed, recursive-free, owned by the thread that locks it
+int MutexCreate(Mutex** out);
+int MutexLock(Mutex* m);    // waits without time-out
+int MutexUnlock(Mutex* m);  // fails when the caller does not own it
+void MutexClose(Mutex* m);
+
+// Named, auto-reset, initially non-signalled event, visible to other
+// processes of the same user under its name.
+struct Event;
+int EventCreate(const char* name, Event** out);
+enum WaitResult : int { kWaitSignaled = 0, kWaitTimeout = 258, kWaitFailed = -1 };
+int EventWait(Event* e, uint32_t milliseconds);
+int EventSet(Event* e);
+int EventReset(Event* e);
+void EventClose(Event* e);
+// Signals the named event from a process that did not create it (creates it
+// when it does not exist yet).
+int EventSignalByName(const char* name);
+
+void SleepMs(uint32_t milliseconds);
+
+// ---- process and time ------------------------------------------------------
+// Looks up an exported symbol of the main executable of this process.
+void* HostSymbol(const char* name);
+// Dynamic libraries: null on failure with the reason in *error.
+void* LibraryOpen(const char* path, std::string* error);
+void* LibrarySymbol(void* library, const char* name);
+void LibraryClose(void* library);
+
+int ProcessId();
+// Folder of the running executable, with a trailing separator ("" if unknown).
+std::string ExecutableDir();
+bool LocalTime(time_t t, struct tm* out);
+// Milliseconds of a monotonic clock, and of processor time used.
+uint64_t TicksMs();
+uint64_t CpuTicksMs();
+// Environment.
+bool GetEnv(const char* name, std::string* value);
+int SetEnv(const char* name, const char* value);
+// True when the stream is a terminal.
+bool IsTerminal(FILE* stream);
+
+}  // namespace pf
+
+#endif  // TVU_PLATFORM_H

@@ -1,0 +1,289 @@
+// db_operation.cpp - the consolidation operation: initialisation, the data
+// stream of DB_ReadBlock, the finish pause and the close.
+//
+// The stream is the concatenation of byte ranges of the earlier savesets in
+// the order the consolidated catalog lists them.  Consecutive catalog lines of
+// one saveset are merged into one run, from the first line's offset to the
+// last line's end, and every run is copied with one seek and one read per
+// DB_ReadBlock call.
+#include "plugin/db_operation.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "platform/platform.h"
+#include "plugin/con_args.h"
+#include "plugin/db_hooks.h"
+#include "runtime/ini.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "tvu_con.h"
+#include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_init.h"
+#include "vfs/tq_vfs_saveset.h"
+
+namespace {
+
+constexpr size_t kPathBuffer = 4096;
+
+struct OPERATION {
+  uint32_t uiType;
+  uint32_t uiFlags;
+  char* szSaveset;               // owned copy of the descriptor's saveset name
+  pf::Event* hFinishEvent;
+  bool bFinishEventCreated;
+  char szMetaDir[kPathBuffer];
+  FILE* fpCatalog;               // the consolidated catalog
+  // The read run.
+  int32_t iRunSaveset;
+  uint64_t ullRunPos;
+  uint64_t ullRunRemaining;
+  int32_t iCollectSaveset;       // saveset of the run being collected; -1: none
+  LIS_ENTRY sPending;            // non-zero size: parsed, not yet taken into a run
+  uint64_t ullTotalServed;
+};
+
+OPERATION s_op{0, 0, nullptr, nullptr, false, "", nullptr, 0, 0, 0, -1, LIS_ENTRY(), 0};
+CON_ARGS s_args;
+char s_szCatalogPath[CON_CATALOG_PATH_CAP + 1];
+char s_szLine[LIS_LINE_BUFFER];
+
+void EnsureFinishEvent() {
+  if (s_op.bFinishEventCreated) return;
+  if (pf::EventCreate(kFinishItemEventName, &s_op.hFinishEvent) == 0) s_op.bFinishEventCreated = true;
+}
+
+void ResetRun() {
+  s_op.iRunSaveset = 0;
+  s_op.ullRunPos = 0;
+  s_op.ullRunRemaining = 0;
+  s_op.iCollectSaveset = -1;
+  s_op.sPending.ullSize = 0;
+  s_op.ullTotalServed = 0;
+}
+
+void LogReadData(const LIS_ENTRY& e) {
+  tvu_log(TQ_LOG_PROGRESS,
+          e.cType == 'd' ? "ReadData SSID: %d  directory: %s size: %llu offset: %llu"
+                         : "ReadData SSID: %d  file: %s size: %llu offset: %llu",
+          e.iSavesetIdx, e.sPath.c_str(), static_cast<unsigned long long>(e.ullSize),
+          static_cast<unsigned long long>(e.ullOffset));
+}
+
+// Collects the next run from the consolidated catalog.  Returns false at the
+// end of the catalog with nothing collected.
+bool CollectRun() {
+  bool bTaken = false;
+  uint64_t ullStart = 0, ullEnd = 0;
+  for (;;) {
+    LIS_ENTRY& e = s_op.sPending;
+    if (e.ullSize == 0) {
+      if (!s_op.fpCatalog || !fgets(s_szLine, sizeof s_szLine, s_op.fpCatalog)) break;
+      size_t n = strlen(s_szLine);
+      while (n > 0 && (s_szLine[n - 1] == '\n' || s_szLine[n - 1] == '\r')) s_szLine[--n] = '\0';
+      if (ParseSavesetEntry(&e, s_szLine, "fd") != 0) {
+        e.ullSize = 0;
+        continue;
+      }
+    }
+    LogReadData(e);
+    if (s_op.iCollectSaveset != -1 && s_op.iCollectSaveset != e.iSavesetIdx) {
+      // A saveset change ends the run; the line stays pending and opens the next.
+      s_op.iCollectSaveset = e.iSavesetIdx;
+      break;
+    }
+    if (!bTaken) ullStart = e.ullOffset;
+    ullEnd = e.ullOffset + e.ullSize;
+    s_op.iRunSaveset = e.iSavesetIdx;
+    s_op.iCollectSaveset = e.iSavesetIdx;
+    bTaken = true;
+    e.ullSize = 0;  // taken
+    s_op.ullRunPos = ullStart;
+    s_op.ullRunRemaining = ullEnd - ullStart;
+  }
+  return bTaken;
+}
+
+}  // namespace
+
+uint32_t OperationInit(uint32_t type, uint32_t flags, char** controlVariables, const char* descriptorSaveset) {
+  char szPath[kPathBuffer];
+  memset(szPath, 0, sizeof szPath);
+  memset(&s_args, 0, sizeof s_args);
+  memset(s_szCatalogPath, 0, sizeof s_szCatalogPath);
+  s_args.pszCatalogPath = s_szCatalogPath;
+  s_args.uiCatalogPathCap = CON_CATALOG_PATH_CAP;
+  s_args.piSavesetCount = &g_iSavesetCount;
+  s_args.ppSavesets = &g_psSavesets;
+  ResetRun();
+
+  tvu_trace("%s: Operation type: [%d] -> DB_TYPE_BCK=%d, DB_TYPE_RST=%d, DB_TYPE_DIR=%d", "DB_InitOperation",
+            static_cast<int>(type), DB_TYPE_BCK, DB_TYPE_RST, DB_TYPE_DIR);
+  EnsureFinishEvent();
+  free(s_op.szSaveset);
+  s_op.szSaveset = safe_strdup(descriptorSaveset ? descriptorSaveset : "");
+  tvu_trace("Saveset: %s", s_op.szSaveset);
+  s_op.uiType = type;
+  s_op.uiFlags = flags;
+
+  // The saveset to consolidate: the text after "DATABASE=CON:" anywhere in a
+  // control variable; the first such variable wins.
+  std::string toConsolidate;
+  bool bFound = false;
+  for (char** pp = controlVariables; pp && *pp; ++pp) {
+    const char* var = *pp;
+    const char* at = bFound ? nullptr : strstr(var, "DATABASE=CON:");
+    if (at) {
+      toConsolidate = at + strlen("DATABASE=CON:");
+      bFound = true;
+      tvu_log(TQ_LOG_PROGRESS, "Saveset to consolidate: %s", toConsolidate.c_str());
+    }
+    tvu_trace("%s: Control variable found: [%s]", "DB_InitOperation", var);
+    if (strncmp(var, "DATABASE=", 9) == 0 && strcmp(var + 9, "CON:") != 0 && type != DB_TYPE_BCK)
+      tvu_log(TQ_LOG_DETAIL, "Found DATABASE control variable while NOT backup");
+  }
+  if (!bFound) {
+    tvu_log_error("Saveset to consolidate could not be parsed ");
+    return 2;
+  }
+
+  char szValue[4096] = "";
+  char szReason[256] = "";
+  if (korvo::i_READ_INI("TQ_INI", "[pathes]", "gv_rw_tqslis", szValue, sizeof szValue, szReason, sizeof szReason) !=
+      1) {
+    tvu_log(TQ_LOG_PROGRESS, "Korvo TQSLIS directory could not be read: [%s], section: %s, variable: [%s]  Reason: [%s]",
+            "TQ_INI", "[pathes]", "gv_rw_tqslis", szReason);
+    DB_SetError(DB_NUM_E_FAILED, "Korvo TQSLIS directory could not be read: [%s], section: %s, variable: [%s]  Reason: [%s]",
+                "TQ_INI", "[pathes]", "gv_rw_tqslis", szReason);
+    OperationClose();
+    return DB_NUM_E_FAILED;
+  }
+
+  snprintf(s_op.szMetaDir, sizeof s_op.szMetaDir, "%s%s_mnt\\", szValue, toConsolidate.c_str());
+  tvu_set_meta_dir(s_op.szMetaDir);
+  tvu_log(TQ_LOG_PROGRESS, "VFS meta files dir: %s", s_op.szMetaDir);
+
+  if (ReadConsolidateArgs(&s_args, s_op.szMetaDir) != 0) {
+    OperationClose();
+    return DB_NUM_E_FAILED;
+  }
+
+  FILE* fpList = pf::FOpen(s_args.szSavesetList, "r");
+  if (!fpList) {
+    tvu_log_error("Cannot read from [%s]", s_args.szSavesetList);
+    OperationClose();
+    return DB_NUM_E_FAILED;
+  }
+  std::string line;
+  while (korvo::read_line(fpList, &line)) {
+    tvu_log(TQ_LOG_PROGRESS, "Read saveset line: [%s]", line.c_str());
+    ReadSavesetLine(g_iSavesetCount, line.c_str());
+  }
+  fclose(fpList);
+  tvu_log(TQ_LOG_PROGRESS, "Initilaized %d savesets to structure psVFS_IP", g_iSavesetCount);
+
+  CatalogSetSavesetType(s_args.iSavesetType);
+  char szDetectPath[1025];
+  snprintf(szDetectPath, sizeof szDetectPath, "%s", s_args.pszCatalogPath);
+  CatalogSetPath(szDetectPath);
+  if (DetectCatalogType() != 0) {
+    fprintf(stderr, "Unable to determine catalog type\n");
+    tvu_fatal("Unable to determine catalog type");
+  }
+  CatalogSetLineByLine(true);
+
+  tvu_log(TQ_LOG_PROGRESS, "Catalog file: %s", s_args.pszCatalogPath);
+  tvu_log(TQ_LOG_PROGRESS, "Saveset file: %s", s_args.szSavesetList);
+  s_op.fpCatalog = pf::FOpen(s_args.pszCatalogPath, "r");
+  tvu_log(TQ_LOG_PROGRESS, "Saveset type: %d", s_args.iSavesetType);
+  if (!s_op.fpCatalog) {
+    // Without its catalog the stream cannot be built; say so now rather than
+    // at the first read.
+    tvu_log_error("Cannot read from [%s]", s_args.pszCatalogPath);
+    OperationClose();
+    return DB_NUM_E_FAILED;
+  }
+
+  InitVFS(&s_args);
+  return DB_NUM_I_OK;
+}
+
+uint32_t OperationReadBlock(char* buffer, uint32_t* length) {
+  tvu_log(TQ_LOG_DETAIL, "uipIO_DBBlockLen %llu", static_cast<unsigned long long>(*length));
+  tvu_trace("DB_ReadBlock");
+
+  if (s_op.ullRunRemaining == 0 && !CollectRun()) {
+    *length = 0;
+    return DB_NUM_I_END;
+  }
+
+  uint64_t requested = *length;
+  uint64_t n = s_op.ullRunRemaining < requested ? s_op.ullRunRemaining : requested;
+  uint64_t delivered = 0;
+  while (s_op.ullRunRemaining > 0) {
+    const int32_t idx = s_op.iRunSaveset;
+    saveset_operation_mutex_lock(idx);
+    int rc = saveset_seek(idx, static_cast<int64_t>(s_op.ullRunPos));
+    if (rc != 0) {
+      saveset_operation_mutex_unlock(idx);
+      tvu_log_error("Error on saveset seek, ret %d", rc);
+      return DB_NUM_E_FAILED;
+    }
+    uint64_t got = 0;
+    uint8_t eof = 0;
+    rc = saveset_read(idx, buffer, n, &got, &eof);
+    saveset_operation_mutex_unlock(idx);
+    if (rc != 0) {
+      tvu_log_error("Error on saveset read, ret %d", rc);
+      return DB_NUM_E_FAILED;
+    }
+    // Every read of the loop fills the buffer from its start with n bytes, so
+    // anything short of n would deliver a wrong stream: the saveset ends
+    // before the catalog says it does.
+    if (got != n) {
+      tvu_log_error("Saveset [%s] ends before its catalog says: %llu of %llu bytes read at offset %llu",
+                    g_psSavesets[idx].szName, static_cast<unsigned long long>(got),
+                    static_cast<unsigned long long>(n), static_cast<unsigned long long>(s_op.ullRunPos));
+      return DB_NUM_E_FAILED;
+    }
+    s_op.ullRunPos += got;
+    delivered += got;
+    s_op.ullRunRemaining -= got;
+    requested -= got;
+    if (requested == 0) break;
+  }
+  s_op.ullTotalServed += delivered;
+  *length = static_cast<uint32_t>(delivered);
+  return DB_NUM_I_OK;
+}
+
+uint32_t OperationItemFinishStatus() {
+  tvu_trace("DB_ItemFinishStatus");
+  EnsureFinishEvent();
+  if (s_op.uiType == DB_TYPE_BCK) {
+    int r = pf::EventWait(s_op.hFinishEvent, 3000);
+    pf::EventReset(s_op.hFinishEvent);
+    tvu_trace("%s: WaitForSingleObject ended with [%d]", "DB_ItemFinishStatus", r);
+  }
+  tvu_trace("DB_ItemFinishStatus: Item processed successful!");
+  return DB_NUM_I_OK;
+}
+
+uint32_t OperationClose() {
+  tvu_trace("DB_CloseOperation");
+  EnsureFinishEvent();
+  free(s_op.szSaveset);
+  s_op.szSaveset = nullptr;
+  pf::EventClose(s_op.hFinishEvent);
+  s_op.hFinishEvent = nullptr;
+  s_op.bFinishEventCreated = false;
+  TerminateVFS();
+  if (s_op.fpCatalog) fclose(s_op.fpCatalog);
+  s_op.fpCatalog = nullptr;
+  saveset_table_free();
+  ResetRun();
+  return DB_NUM_I_OK;
+}

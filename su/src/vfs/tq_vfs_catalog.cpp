@@ -1,0 +1,316 @@
+// tq_vfs_catalog.cpp - catalog settings, the catalog patterns, ignored lines
+// and catalog type detection.  The line parser itself is in
+// tq_vfs_catalog_parse.cpp.
+#include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_catalog_internal.h"
+
+#include <strings.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "platform/platform.h"
+#include "plugin/db_hooks.h"
+#include "runtime/trace.h"
+#include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_regex.h"
+
+int32_t g_iCatalogType = ctUNKNOWN;
+
+namespace {
+
+// ---- settings -------------------------------------------------------------
+
+// The catalog path as set by the operation (at most 1023 characters and the
+// terminating NUL are kept) and the family its extension names, worked out
+// once here because the line-by-line parser needs it for every line.
+char s_szCatalogPath[1024];
+int32_t s_iPathFamily = ctUNKNOWN;  // ctLIS, ctLSL or ctUNKNOWN
+int32_t s_iSavesetType = sdtUNKNOWN;
+bool s_bLineByLine = false;
+
+// The last four characters of path (all of it when it is shorter).
+const char* LastFour(const char* path) {
+  size_t n = std::strlen(path);
+  return n > 4 ? path + n - 4 : path;
+}
+
+// ctLSL for ".lsl", ctLIS for ".lis" (any case), ctUNKNOWN otherwise.
+int32_t FamilyOfPath(const char* path) {
+  const char* ext = LastFour(path);
+  if (strcasecmp(ext, ".lsl") == 0) return ctLSL;
+  if (strcasecmp(ext, ".lis") == 0) return ctLIS;
+  return ctUNKNOWN;
+}
+
+// ---- patterns ---------------------------------------------------------------
+
+// Item line patterns by catalog type (index = CATALOG_TYPE).  The type
+// field's character class also admits "|", as the format is written.
+const char* const kTypePatterns[5] = {
+    nullptr,
+    "^[\"].*[\"][ ]([d|f|R]|Db|DB|db|U)[ ][0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ]"
+    "[0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ][0-9]+[ ][0-9]+[ ][0-9]+",
+    "^[\"].*[\"][ ]([d|f|R]|Db|DB|db|U)[ ][0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ]"
+    "[0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ][0-9]+[ ][-]?[0-9]+[ ][-]?[0-9]+"
+    "[ ][-]?[0-9]+[ ][-]?[0-9]+",
+    "^[\"].*[\"][ ]([d|f|R]|Db|DB|db|U)[ ][0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ]"
+    "[0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ][0-9]+[ ][0-9]+[ ][0-9]+"
+    "[ ][0-9a-zA-Z@]+.*",
+    "^[\"].*[\"][ ]([d|f|R]|Db|DB|db|U)[ ][0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ]"
+    "[0-9]{4}[-][0-9]{2}[-][0-9]{2}[ ][0-9]{2}[:][0-9]{2}[:][0-9]{2}[ ][0-9]+[ ][-]?[0-9]+[ ][-]?[0-9]+"
+    "[ ][-]?[0-9]+[ ][-]?[0-9]+[ ][-]?[0-9]+[ ][a-zA-Z0-9@]+.*",
+};
+
+// Lines that are not items, tested in this order.  The first pattern must
+// match, the others must not.
+constexpr int kIgnoredCount = 10;
+const char* const kIgnoredPatterns[kIgnoredCount] = {
+    "^[A-Za-z0-9\"]",
+    "^#",
+    "^[\"]Device=.*[\"][ ]v",
+    "^[\"]ESET.*[\"][ ]",
+    "^[\"]IMAP:.*[\"][ ](Db|DB|db)",
+    "^[\"]SSET.*[\"][ ]",
+    "^[\"]TAPE[\"][ ]",
+    "^Tape ID.*Tape Label.*Format.*",
+    "^Tape ID.*Tape Label.*Format.*LIS: 2.0",
+    "^Total.*Last File Offset.*Last Dir Offset.*Number of directories.*Number of files.*",
+};
+
+// A set of patterns compiled together on first use and kept for the life of
+// the module.  A pattern that does not compile is remembered with the
+// compiler's offset and message; the user of the set reports it.
+template <int N>
+struct PatternSet {
+  TqRegex aRegex[N];
+  bool abFailed[N] = {};
+  int aiErrorOffset[N] = {};
+  std::string asErrorText[N];
+
+  explicit PatternSet(const char* const* patterns) {
+    for (int i = 0; i < N; ++i) {
+      if (patterns[i] != nullptr && !aRegex[i].Compile(patterns[i], 0, &aiErrorOffset[i], &asErrorText[i])) {
+        abFailed[i] = true;
+      }
+    }
+  }
+};
+
+const PatternSet<5>& TypePatterns() {
+  static const PatternSet<5> s_set(kTypePatterns);
+  return s_set;
+}
+
+const PatternSet<kIgnoredCount>& IgnoredPatterns() {
+  static const PatternSet<kIgnoredCount> s_set(kIgnoredPatterns);
+  return s_set;
+}
+
+// Traces "Regex compile failed at offset %d: %s " followed by the pattern.
+void TraceCompileFailure(int offset, const std::string& error, const char* pattern) {
+  WRITE_TRACE(1, "Regex compile failed at offset %d: %s %s", offset, error.c_str(), pattern);
+}
+
+[[noreturn]] void FatalCompileFailure(int offset, const std::string& error, const char* pattern) {
+  TraceCompileFailure(offset, error, pattern);
+  tvu_fatal("Regex compile failed at offset %d: %s %s", offset, error.c_str(), pattern);
+}
+
+// The version-2 pattern of a family; null when it did not compile (traced).
+const TqRegex* Version2Pattern(int32_t family) {
+  const int32_t type = family == ctLSL ? ctLSLv2 : ctLISv2;
+  const PatternSet<5>& set = TypePatterns();
+  if (set.abFailed[type]) {
+    TraceCompileFailure(set.aiErrorOffset[type], set.asErrorText[type], kTypePatterns[type]);
+    return nullptr;
+  }
+  return &set.aRegex[type];
+}
+
+// Which ignored-line patterns (bit i = pattern i) can match a line that
+// begins with a given byte.  Each of patterns 1 to 9 is anchored and begins
+// with one literal character, so a line whose first byte differs cannot match
+// it and the ordered test has the same outcome without running it.  Pattern 0
+// is decided by the first byte alone: its bit is set when that byte starts an
+// item line.
+struct FirstByteTable {
+  uint16_t auMask[256] = {};
+  FirstByteTable() {
+    for (int c = 0; c < 256; ++c) {
+      const bool itemStart = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '"';
+      if (itemStart) auMask[c] |= 1u << 0;
+    }
+    auMask[static_cast<unsigned char>('#')] |= 1u << 1;
+    for (int i = 2; i <= 6; ++i) auMask[static_cast<unsigned char>('"')] |= 1u << i;
+    for (int i = 7; i <= 9; ++i) auMask[static_cast<unsigned char>('T')] |= 1u << i;
+  }
+};
+const FirstByteTable kFirstByte;
+
+}  // namespace
+
+// ---- settings ---------------------------------------------------------------
+
+void CatalogSetPath(const char* path) {
+  std::snprintf(s_szCatalogPath, sizeof s_szCatalogPath, "%s", path != nullptr ? path : "");
+  s_iPathFamily = FamilyOfPath(s_szCatalogPath);
+}
+
+const char* CatalogGetPath() { return s_szCatalogPath; }
+
+void CatalogSetSavesetType(int32_t type) { s_iSavesetType = type; }
+
+int32_t CatalogGetSavesetType() { return s_iSavesetType; }
+
+void CatalogSetLineByLine(bool on) { s_bLineByLine = on; }
+
+bool CatalogGetLineByLine() { return s_bLineByLine; }
+
+const char* CatalogTypeName(int32_t type) {
+  switch (type) {
+    case ctLIS: return "ctLIS";
+    case ctLISv2: return "ctLISv2";
+    case ctLSL: return "ctLSL";
+    case ctLSLv2: return "ctLSLv2";
+    default: return "ctUNKNOWN";
+  }
+}
+
+void CatalogResetForTest() {
+  g_iCatalogType = ctUNKNOWN;
+  s_szCatalogPath[0] = '\0';
+  s_iPathFamily = ctUNKNOWN;
+  s_iSavesetType = sdtUNKNOWN;
+  s_bLineByLine = false;
+  catalog_internal::ResetParserState();
+}
+
+// ---- internal tests on lines of known length --------------------------------
+
+namespace catalog_internal {
+
+bool IsLineByLine() { return s_bLineByLine || gVOPTIONS.iForceLineByLine != 0; }
+
+int IsIgnoredLine(const char* line, size_t length) {
+  const PatternSet<kIgnoredCount>& set = IgnoredPatterns();
+  const unsigned mask = length == 0 ? 0u : kFirstByte.auMask[static_cast<unsigned char>(line[0])];
+  // Pattern 0 must match: a line that does not begin like an item is ignored.
+  if (set.abFailed[0]) {
+    WRITE_TRACE(1, "Error compiling regex");
+    tvu_fatal("Error compiling regex");
+  }
+  if ((mask & 1u) == 0) return 1;
+  for (int i = 1; i < kIgnoredCount; ++i) {
+    if (set.abFailed[i]) FatalCompileFailure(set.aiErrorOffset[i], set.asErrorText[i], kIgnoredPatterns[i]);
+    if ((mask & (1u << i)) != 0 && set.aRegex[i].Match(line, length)) return 1;
+  }
+  return 0;
+}
+
+int DetectCatalogTypeByLine(const char* line, size_t length) {
+  WRITE_TRACE(2, "DetectCatalogTypeByLine: [%s]", line);
+  const int32_t family = s_iPathFamily;
+  if (family == ctUNKNOWN) return ctUNKNOWN;
+  const TqRegex* v2 = Version2Pattern(family);
+  if (v2 == nullptr) return -1;
+  const bool isV2 = v2->Match(line, length);
+  if (family == ctLSL) {
+    if (isV2) {
+      WRITE_TRACE(2, "DetectCatalogTypeByLine: LSLv2");
+      return ctLSLv2;
+    }
+    WRITE_TRACE(2, "DetectCatalogTypeByLine: LSLv1");
+    return ctLSL;
+  }
+  if (isV2) {
+    WRITE_TRACE(2, "DetectCatalogTypeByLine: LISv2");
+    return ctLISv2;
+  }
+  WRITE_TRACE(2, "DetectCatalogTypeByLine: LISv1");
+  return ctLIS;
+}
+
+void MatchTypePatternOrDie(const char* line, size_t length) {
+  const int32_t type = g_iCatalogType;
+  if (type >= ctLIS && type <= ctLSLv2) {
+    const PatternSet<5>& set = TypePatterns();
+    if (set.abFailed[type]) FatalCompileFailure(set.aiErrorOffset[type], set.asErrorText[type], kTypePatterns[type]);
+    if (set.aRegex[type].Match(line, length)) return;
+  }
+  // No pattern (unknown type) counts as a mismatch.  The message also goes to
+  // the standard error stream: a catalog line that does not parse ends the
+  // client's process, and the console is where an operator sees why.
+  std::fprintf(stderr, "Regex mismatch parsing LIS/LSL/LISv2/LSLv2[%d] line [%s]\n", type, line);
+  WRITE_TRACE(1, "Regex mismatch parsing LIS/LSL/LISv2/LSLv2[%d] line [%s]", type, line);
+  tvu_fatal("Regex mismatch parsing LIS/LSL/LISv2/LSLv2[%d] line [%s]", type, line);
+}
+
+}  // namespace catalog_internal
+
+// ---- public tests and detection ---------------------------------------------
+
+int IsIgnoredLine(const char* line) {
+  if (line == nullptr) return 1;
+  return catalog_internal::IsIgnoredLine(line, std::strlen(line));
+}
+
+int DetectCatalogTypeByLine(const char* line) {
+  if (line == nullptr) line = "";
+  return catalog_internal::DetectCatalogTypeByLine(line, std::strlen(line));
+}
+
+int DetectCatalogType() {
+  // Lines are read into a buffer of this size; a longer line is read as
+  // several pieces, each of which counts as a line.
+  constexpr size_t kFirstLineBuffer = 34500;
+  const char* path = s_szCatalogPath;
+  int32_t type = FamilyOfPath(path);
+
+  std::unique_ptr<char[]> line(new char[kFirstLineBuffer]);
+  line[0] = '\0';
+  float version = 0.0f;
+  FILE* fp = pf::FOpen(path, "r");
+  if (fp == nullptr) {
+    WRITE_TRACE(1, "Cannot open catalog [%s]", path);
+  } else {
+    if (std::fgets(line.get(), kFirstLineBuffer, fp) != nullptr) {
+      const char* lis = std::strstr(line.get(), "LIS:");
+      if (lis != nullptr && std::strstr(line.get(), "Tape ID") != nullptr) {
+        // A word ("LIS:"), then the version number.
+        std::sscanf(lis, "%*s%f", &version);
+      }
+    }
+    // Stop at the first item line; at end of file the last line read stays.
+    while (IsIgnoredLine(line.get()) && std::fgets(line.get(), kFirstLineBuffer, fp) != nullptr) {
+    }
+    std::fclose(fp);
+  }
+
+  if (type == ctLIS && version >= 2.0f) {
+    type = ctLISv2;
+  } else if (type == ctLSL) {
+    if (version >= 2.0f) {
+      type = ctLSLv2;
+    } else {
+      const TqRegex* v2 = Version2Pattern(ctLSL);
+      if (v2 == nullptr) return -1;
+      if (v2->Match(line.get())) {
+        WRITE_TRACE(1, "This is LSLv2 according to regex");
+        type = ctLSLv2;
+      }
+    }
+  }
+
+  if (type == ctUNKNOWN) {
+    WRITE_TRACE(1, "Unknown catalog type. Abort");
+    std::fprintf(stderr, "ERROR: Unknown catalog type [%s]. Expected extensions .lis, .lsl., .lnd Aborting\n",
+                 LastFour(path));
+    tvu_fatal("ERROR: Unknown catalog type [%s]. Expected extensions .lis, .lsl., .lnd Aborting\n", LastFour(path));
+  }
+  g_iCatalogType = type;
+  WRITE_TRACE(1, "Catalog type %d", type);
+  WRITE_TRACE(1, "Catalog type %s", CatalogTypeName(type));
+  return 0;
+}

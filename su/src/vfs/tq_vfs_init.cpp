@@ -1,0 +1,127 @@
+// tq_vfs_init.cpp - InitVFS and TerminateVFS.
+#include "vfs/tq_vfs_init.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include "platform/platform.h"
+#include "plugin/con_args.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_vdisk.h"
+
+namespace {
+
+struct TIMER {
+  int32_t iStart;
+  int32_t iEnd;
+  int32_t iTotal;
+};
+TIMER s_timers[6];
+pf::Mutex* s_hDedupLibMutex = nullptr;
+bool s_bTerminate = false;
+std::string s_sLslPath;
+std::string s_sLstPath;
+
+}  // namespace
+
+void VfsTimerStart(int group) { s_timers[group].iStart = static_cast<int32_t>(pf::CpuTicksMs()); }
+void VfsTimerStop(int group) {
+  s_timers[group].iEnd = static_cast<int32_t>(pf::CpuTicksMs());
+  s_timers[group].iTotal += s_timers[group].iEnd - s_timers[group].iStart;
+}
+double VfsTimerSeconds(int group) { return s_timers[group].iTotal / 1000.0; }
+
+pf::Mutex* VfsDedupLibraryMutex() { return s_hDedupLibMutex; }
+bool VfsTerminating() { return s_bTerminate; }
+
+std::string SiblingCatalogPath(const char* catalogPath, const char* extension) {
+  std::string path(catalogPath);
+  if (path.size() > 3) path.resize(path.size() - 4);
+  path += extension;
+  if (path.size() > 1023) path.resize(1023);
+  return path;
+}
+
+int InitVFS(const CON_ARGS* args) {
+  WRITE_TRACE(1, "+++InitVFS");
+  memset(s_timers, 0, sizeof s_timers);
+  if (gVOPTIONS.iStartDelaySec > 0) pf::SleepMs(static_cast<uint32_t>(gVOPTIONS.iStartDelaySec) * 1000u);
+  CatalogSetSavesetType(args->iSavesetType);
+  s_bTerminate = false;
+
+  s_sLslPath = SiblingCatalogPath(args->pszCatalogPath, ".lsl");
+  s_sLstPath = SiblingCatalogPath(args->pszCatalogPath, ".lst");
+
+  if (args->iSavesetType == sdtDUMP) {
+    if (g_iCatalogType == ctLSL) {
+      g_iCatalogType = ctLSLv2;
+      printf("Assuming catalog type is LSLv2\n");
+      WRITE_TRACE(1, "Assuming catalog type is LSLv2");
+    } else if (g_iCatalogType == ctLIS) {
+      g_iCatalogType = ctLISv2;
+      printf("Assuming catalog type is LISv2\n");
+      WRITE_TRACE(1, "Assuming catalog type is LISv2");
+    }
+  }
+
+  WRITE_TRACE(1, "Catalog path = [%s]", args->pszCatalogPath);
+  WRITE_TRACE(1, "Open savesets");
+  if (!s_hDedupLibMutex && pf::MutexCreate(&s_hDedupLibMutex) != 0) {
+    WRITE_TRACE(1, "Vk4-NG mutex creation failed");
+    return 1;
+  }
+
+  for (int32_t i = 0; i < g_iSavesetCount; ++i) {
+    WRITE_TRACE(1, "processing saveset %d", i);
+    if (saveset_init(i) != 0) {
+      WRITE_TRACE(1, "saveset_init(%d) failed", i);
+      return 1;
+    }
+    if (saveset_open(i) != 0) {
+      WRITE_TRACE(1, "Cannot open saveset [%d]=[%s]", i, g_psSavesets[i].szName);
+      fprintf(stderr, "ERROR: Cannot open saveset %s\n", g_psSavesets[i].szName);
+      WRITE_TRACE(1, "---InitVFS");
+      return 1;
+    }
+    if (args->iSavesetType == sdtDUMP) {
+      // TODO: the UFS dump header check of every saveset belongs here; until
+      // the dump reader exists a dump chain is streamed without it.
+      WRITE_TRACE(1, "DUMP type requested. Checking if this is a valid UFS volume");
+      WRITE_TRACE(1, "UFS volume check not available in this build; saveset [%s] not checked",
+                  g_psSavesets[i].szName);
+    }
+    WRITE_TRACE(1, "processed saveset %d", i);
+  }
+
+  int iRet;
+  if (CatalogGetLineByLine()) {
+    iRet = VdiskParseCatalog(args, args->pszCatalogPath);
+  } else {
+    // TODO: tree mode (tree cache, mapper, directory enumeration) is entered
+    // here; this build serves the consolidation stream only.
+    WRITE_TRACE(1, "Tree mode is not available in this build");
+    iRet = 1;
+  }
+  WRITE_TRACE(1, "---InitVFS iRet = %d", iRet);
+  return iRet;
+}
+
+void TerminateVFS() {
+  WRITE_TRACE(1, "+++TerminateVFS");
+  s_bTerminate = true;
+  for (int32_t i = 0; i < g_iSavesetCount; ++i) {
+    if (saveset_close(i) != 0) WRITE_TRACE(1, "Cannot close saveset [%d]", i);
+    pf::MutexClose(g_psSavesets[i].hOpMutex);
+    g_psSavesets[i].hOpMutex = nullptr;
+  }
+  pf::MutexClose(s_hDedupLibMutex);
+  s_hDedupLibMutex = nullptr;
+  WRITE_TRACE(1, "+++DestroyLISCache");
+  unsigned long long removed = 0;  // no tree is built in line-by-line mode
+  WRITE_TRACE(1, "---DestroyLISCache entriesRemoved=%llu", removed);
+  WRITE_TRACE(1, "---TerminateVFS");
+}

@@ -1,0 +1,32 @@
+// tq_vfs_media.h - one set of operations per saveset media type.
+//
+// The saveset table (tq_vfs_saveset.cpp) checks the index, traces and
+// dispatches here; each media file implements its type's stream semantics.
+// Every function gets the entry's index (for messages) and the entry itself.
+#ifndef TVU_VFS_MEDIA_H
+#define TVU_VFS_MEDIA_H
+
+#include <cstdint>
+
+#include "vfs/tq_vfs_saveset.h"
+
+struct SAVESET_MEDIA_OPS {
+  // 0 on success; failures that leave the stream unknown end the process.
+  int (*pfnOpen)(int32_t iSavesetIdx, SAVESET* ps);
+  int (*pfnClose)(int32_t iSavesetIdx, SAVESET* ps);
+  // Sets *piBytesRead and, at end of stream, bit 0 of *pucEof.
+  void (*pfnRead)(int32_t iSavesetIdx, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint64_t* piBytesRead,
+                  uint8_t* pucEof);
+  int (*pfnSeek)(int32_t iSavesetIdx, SAVESET* ps, int64_t iOffset);
+  int (*pfnFeof)(int32_t iSavesetIdx, SAVESET* ps);
+  int (*pfnSize)(int32_t iSavesetIdx, SAVESET* ps, uint64_t* pSize);
+  int (*pfnTell)(int32_t iSavesetIdx, SAVESET* ps, uint64_t* pPosition);
+};
+
+extern const SAVESET_MEDIA_OPS g_sZeroMediaOps;  // smZERO
+extern const SAVESET_MEDIA_OPS g_sFileMediaOps;  // smFILE
+
+// The operations of a media type, or null for a type this build cannot reach.
+const SAVESET_MEDIA_OPS* saveset_media_ops(uint32_t uiMediaType);
+
+#endif

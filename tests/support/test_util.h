@@ -1,0 +1,52 @@
+// test_util.h - helpers shared by the tests: temporary folders, files, and
+// child processes run with a bounded time.
+#ifndef TVU_TESTS_TEST_UTIL_H
+#define TVU_TESTS_TEST_UTIL_H
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace tvutest {
+
+// A fresh folder under $TMPDIR (or /tmp), removed with everything in it when
+// the object goes away.  path() ends without a separator.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+void WriteFile(const std::string& path, const std::string& content);
+std::string ReadFile(const std::string& path);
+bool FileExists(const std::string& path);
+
+struct ProcessResult {
+  int exitCode = -1;   // exit status, or -1 when killed by a signal or timed out
+  int signal = 0;      // the signal that ended it, if any
+  bool timedOut = false;
+  std::string out;     // standard output
+  std::string err;     // standard error
+};
+
+// Runs argv[0] with the given arguments and extra environment variables,
+// standard input from /dev/null, and kills it after timeoutSeconds.
+ProcessResult RunProcess(const std::vector<std::string>& argv,
+                         const std::map<std::string, std::string>& env = {}, int timeoutSeconds = 120);
+
+// Runs a shell command line (for foreign tools such as cpio); returns its exit status.
+int Shell(const std::string& command);
+
+// Path of a program built into the build folder (mkchain, tvucon).
+std::string BuiltProgram(const std::string& name);
+
+}  // namespace tvutest
+
+#endif

@@ -1,0 +1,48 @@
+// chain_outputs.h - the files around the savesets: consolidated catalog,
+// saveset list, argument file, INI file, final tree, expected stream.
+#ifndef MKCHAIN_CHAIN_OUTPUTS_H
+#define MKCHAIN_CHAIN_OUTPUTS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "catalog_writer.h"
+#include "chain_model.h"
+#include "saveset_writer.h"
+
+namespace mkchain {
+
+// What the generator knows about a chain once its savesets are written.
+struct Chain {
+  std::string dir;                   // absolute output folder
+  ChainFormat format = ChainFormat::kNewc;
+  CatalogKind catalog = CatalogKind::kLslV2;
+  std::vector<std::string> names;    // saveset names, oldest (the full) first
+  std::vector<std::string> files;    // absolute paths of their .cpio files
+  std::vector<uint64_t> bytes;       // their sizes
+  std::string con;                   // name of the consolidation target
+
+  std::string MountDir() const { return dir + "/tqslis/" + con + "_mnt"; }
+};
+
+// Writes tqslis/<CON>_mnt/<CON>.lsl|.lis.  *streamBytes receives the size of
+// the stream the catalog describes and *items its number of lines.
+bool WriteConsolidatedCatalog(const Chain& chain, const ChainModel& model,
+                              uint64_t* streamBytes, uint64_t* items, std::string* error);
+
+// Writes savesets.txt, consolidate.arg, tq.ini, the empty ini/xfpd_conf
+// folder and chain.txt.
+bool WriteControlFiles(const Chain& chain, uint64_t streamBytes, uint64_t items,
+                       std::string* error);
+
+// Writes final/: the newest state of every item as a real tree.
+bool WriteFinalTree(const Chain& chain, const ChainModel& model, std::string* error);
+
+// Writes expected.cpio by copying each item's newest record out of its
+// saveset file, in consolidated-catalog order.  No trailer is appended.
+bool WriteExpectedStream(const Chain& chain, const ChainModel& model, std::string* error);
+
+}  // namespace mkchain
+
+#endif  // MKCHAIN_CHAIN_OUTPUTS_H

@@ -1,0 +1,214 @@
+// mkchain.cpp - generates a saveset chain (one full, K incrementals) with its
+// catalogs, consolidated catalog and control files, as a backup client would
+// have left it on disk, for demonstrations and tests of the consolidation.
+//
+//   mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]
+//           [--files N] [--incrementals K] [--seed S] [--total-bytes B]
+//           [--no-expected] [--no-final]
+//
+// The same options and seed always give the same chain (times are local, so
+// the epoch values in the headers depend on the time zone).  Output already
+// in DIR from an earlier run is replaced.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <filesystem>
+#include <string>
+
+#include "catalog_writer.h"
+#include "chain_model.h"
+#include "chain_outputs.h"
+#include "saveset_writer.h"
+
+namespace mkchain {
+namespace {
+namespace fs = std::filesystem;
+
+struct Options {
+  std::string out;
+  ChainFormat format = ChainFormat::kNewc;
+  CatalogKind catalog = CatalogKind::kLslV2;
+  ModelOptions model;
+  int incrementals = 4;
+  bool expected = true;
+  bool final = true;
+};
+
+const char kUsage[] =
+    "usage: mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]\n"
+    "               [--files N (1200)] [--incrementals K (4)] [--seed S (1)]\n"
+    "               [--total-bytes B (25165824)] [--no-expected] [--no-final]\n"
+    "  lsl and lis are the version-1 catalogs; LIS catalogs allow no incrementals.\n";
+
+bool ParseNumber(const std::string& text, uint64_t* value) {
+  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
+  errno = 0;
+  *value = std::strtoull(text.c_str(), nullptr, 10);
+  return errno == 0;
+}
+
+// Returns an error text, empty when the options are valid.
+std::string ParseOptions(int argc, char** argv, Options* o) {
+  for (int i = 1; i < argc; ++i) {
+    std::string arg = argv[i], value;
+    const bool flag = arg == "--no-expected" || arg == "--no-final" || arg == "--help";
+    if (!flag) {
+      std::string::size_type eq = arg.find('=');
+      if (eq != std::string::npos) {
+        value = arg.substr(eq + 1);
+        arg.resize(eq);
+      } else if (i + 1 < argc) {
+        value = argv[++i];
+      } else {
+        return "option " + arg + " needs a value";
+      }
+    }
+    uint64_t n = 0;
+    if (arg == "--help") return "help";
+    if (arg == "--no-expected") {
+      o->expected = false;
+    } else if (arg == "--no-final") {
+      o->final = false;
+    } else if (arg == "--out") {
+      o->out = value;
+    } else if (arg == "--format") {
+      if (value == "newc") o->format = ChainFormat::kNewc;
+      else if (value == "odc") o->format = ChainFormat::kOdc;
+      else if (value == "ext") o->format = ChainFormat::kExt;
+      else return "unknown format " + value;
+    } else if (arg == "--catalog") {
+      if (value == "lslv2") o->catalog = CatalogKind::kLslV2;
+      else if (value == "lsl" || value == "lslv1") o->catalog = CatalogKind::kLslV1;
+      else if (value == "lisv2") o->catalog = CatalogKind::kLisV2;
+      else if (value == "lis" || value == "lisv1") o->catalog = CatalogKind::kLisV1;
+      else return "unknown catalog flavour " + value;
+    } else if (!ParseNumber(value, &n)) {
+      return "option " + arg + " needs a number, not \"" + value + "\"";
+    } else if (arg == "--files") {
+      o->model.files = n;
+    } else if (arg == "--incrementals") {
+      if (n > 365) return "at most 365 incrementals";
+      o->incrementals = static_cast<int>(n);
+    } else if (arg == "--seed") {
+      o->model.seed = n;
+    } else if (arg == "--total-bytes") {
+      o->model.totalBytes = n;
+    } else {
+      return "unknown option " + arg;
+    }
+  }
+  if (o->out.empty()) return "--out DIR is required";
+  // LIS catalogs name no saveset, so they can only describe a lone full.
+  if (!IsLsl(o->catalog)) o->incrementals = 0;
+  return "";
+}
+
+// Backups run at 02:00:00 local time, one day apart from 2026-11-01 on.
+time_t BackupTime(int day) {
+  struct tm tm = {};
+  tm.tm_year = 2026 - 1900;
+  tm.tm_mon = 10;
+  tm.tm_mday = 1 + day;
+  tm.tm_hour = 2;
+  tm.tm_isdst = -1;
+  return std::mktime(&tm);
+}
+
+std::string SavesetName(const char* prefix, time_t t) {
+  struct tm tm;
+  char text[32];
+  localtime_r(&t, &tm);
+  std::strftime(text, sizeof text, "%Y%m%d%H%M%S", &tm);
+  return prefix + std::string(text);
+}
+
+// Removes what an earlier run left in the output folder, nothing else.
+void RemoveOldOutput(const std::string& dir) {
+  std::error_code ec;
+  for (const char* sub : {"savesets", "catalogs", "tqslis", "final", "ini"})
+    fs::remove_all(dir + "/" + sub, ec);
+  for (const char* file : {"expected.cpio", "chain.txt", "tq.ini"}) fs::remove(dir + "/" + file, ec);
+}
+
+int Run(const Options& o) {
+  Chain chain;
+  std::error_code ec;
+  chain.dir = fs::absolute(o.out, ec).lexically_normal().string();
+  while (chain.dir.size() > 1 && chain.dir.back() == '/') chain.dir.pop_back();
+  chain.format = o.format;
+  chain.catalog = o.catalog;
+  RemoveOldOutput(chain.dir);
+  for (const char* sub : {"savesets", "catalogs"}) fs::create_directories(chain.dir + "/" + sub, ec);
+  if (ec) {
+    std::fprintf(stderr, "mkchain: cannot create %s: %s\n", chain.dir.c_str(), ec.message().c_str());
+    return 1;
+  }
+
+  ChainModel model(o.model);
+  std::string error;
+  uint64_t records = 0;
+  for (int s = 0; s <= o.incrementals; ++s) {
+    const time_t t = BackupTime(s);
+    const std::string name = SavesetName(s == 0 ? "SF" : "SI", t);
+    const std::vector<std::string> paths = s == 0 ? model.BuildFull(t) : model.Evolve(t);
+    chain.names.push_back(name);
+    chain.files.push_back(chain.dir + "/savesets/" + name + ".cpio");
+
+    CatalogWriter catalog;
+    const std::string catalogFile = chain.dir + "/catalogs/" + name + CatalogExtension(o.catalog);
+    if (!catalog.Open(catalogFile, o.catalog, false, name, &error)) break;
+    uint64_t bytes = 0;
+    auto onRecord = [&](const std::string& path, const Node& node) {
+      catalog.Add(path, node, name, node.newest.start);
+    };
+    if (!WriteSaveset(&model, s, paths, o.format, chain.files.back(), onRecord, &bytes, &error) ||
+        !catalog.Close(&error))
+      break;
+    chain.bytes.push_back(bytes);
+    records += paths.size();
+  }
+  chain.con = SavesetName("SF", BackupTime(o.incrementals + 1));
+
+  uint64_t streamBytes = 0, items = 0;
+  if (error.empty() && WriteConsolidatedCatalog(chain, model, &streamBytes, &items, &error) &&
+      WriteControlFiles(chain, streamBytes, items, &error) &&
+      (!o.final || WriteFinalTree(chain, model, &error)) &&
+      (!o.expected || WriteExpectedStream(chain, model, &error))) {
+    uint64_t total = 0, dirs = 0;
+    for (uint64_t b : chain.bytes) total += b;
+    for (const auto& kv : model.nodes()) dirs += kv.second.dir;
+    std::printf("chain %s: %zu savesets (%s .. %s), %s headers, %s catalogs\n",
+                chain.dir.c_str(), chain.names.size(), chain.names.front().c_str(),
+                chain.names.back().c_str(), ChainFormatName(o.format), CatalogKindName(o.catalog));
+    std::printf("items: %llu in the final state (%llu folders, %llu files), %llu records written\n",
+                static_cast<unsigned long long>(items), static_cast<unsigned long long>(dirs),
+                static_cast<unsigned long long>(items - dirs),
+                static_cast<unsigned long long>(records));
+    std::printf("bytes: %llu in savesets (full %llu), consolidated stream %llu for %s\n",
+                static_cast<unsigned long long>(total),
+                static_cast<unsigned long long>(chain.bytes.front()),
+                static_cast<unsigned long long>(streamBytes), chain.con.c_str());
+    return 0;
+  }
+  std::fprintf(stderr, "mkchain: %s\n", error.c_str());
+  return 1;
+}
+
+}  // namespace
+}  // namespace mkchain
+
+int main(int argc, char** argv) {
+  mkchain::Options options;
+  std::string error = mkchain::ParseOptions(argc, argv, &options);
+  if (error == "help") {
+    std::fputs(mkchain::kUsage, stdout);
+    return 0;
+  }
+  if (!error.empty()) {
+    std::fprintf(stderr, "mkchain: %s\n%s", error.c_str(), mkchain::kUsage);
+    return 2;
+  }
+  return mkchain::Run(options);
+}

@@ -1,0 +1,259 @@
+// tvucon.cpp - a client of the tvu_con module: loads it, drives one
+// consolidation in the backup client's calling order and writes the stream.
+//
+// Exit status: 0 when DB_ReadBlock ended with DB_NUM_I_END and the whole
+// stream was written; 1 on any failure (the module itself also ends the
+// process with 1 on unrecoverable conditions); 2 for a bad command line.
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "archive/cpio_format.h"
+#include "platform/platform.h"
+#include "tvu_con.h"
+#include "tvucon/tvucon_options.h"
+
+namespace {
+
+int g_logLevel = 1500;
+FILE* g_traceFile = nullptr;
+
+// The module's entry points, looked up in the loaded library.
+struct Module {
+  void* handle = nullptr;
+  decltype(&DB_SetLog) SetLog;
+  decltype(&DB_SetTrace) SetTrace;
+  decltype(&DB_GetError) GetError;
+  decltype(&DB_GetInfo) GetInfo;
+  decltype(&DB_InitOperation) InitOperation;
+  decltype(&DB_GetItem) GetItem;
+  decltype(&DB_OpenItem) OpenItem;
+  decltype(&DB_CloseItem) CloseItem;
+  decltype(&DB_ReadBlock) ReadBlock;
+  decltype(&DB_ItemFinishStatus) ItemFinishStatus;
+  decltype(&DB_CloseOperation) CloseOperation;
+};
+
+template <class T>
+bool Bind(void* lib, const char* name, T* out, std::string* missing) {
+  *out = reinterpret_cast<T>(pf::LibrarySymbol(lib, name));
+  if (!*out) *missing = name;
+  return *out != nullptr;
+}
+
+bool LoadModule(const std::string& path, Module* m, std::string* error) {
+  m->handle = pf::LibraryOpen(path.c_str(), error);
+  if (!m->handle) return false;
+  std::string missing;
+  bool ok = Bind(m->handle, "DB_SetLog", &m->SetLog, &missing) &&
+            Bind(m->handle, "DB_SetTrace", &m->SetTrace, &missing) &&
+            Bind(m->handle, "DB_GetError", &m->GetError, &missing) &&
+            Bind(m->handle, "DB_GetInfo", &m->GetInfo, &missing) &&
+            Bind(m->handle, "DB_InitOperation", &m->InitOperation, &missing) &&
+            Bind(m->handle, "DB_GetItem", &m->GetItem, &missing) &&
+            Bind(m->handle, "DB_OpenItem", &m->OpenItem, &missing) &&
+            Bind(m->handle, "DB_CloseItem", &m->CloseItem, &missing) &&
+            Bind(m->handle, "DB_ReadBlock", &m->ReadBlock, &missing) &&
+            Bind(m->handle, "DB_ItemFinishStatus", &m->ItemFinishStatus, &missing) &&
+            Bind(m->handle, "DB_CloseOperation", &m->CloseOperation, &missing);
+  if (!ok) *error = path + ": no entry point " + missing;
+  return ok;
+}
+
+void FallbackLog(const char* text) { fprintf(stderr, "tvu_con: %s\n", text); }
+
+void TraceHook(const char* text) {
+  if (g_traceFile) {
+    fprintf(g_traceFile, "%s\n", text);
+    fflush(g_traceFile);
+  }
+}
+
+std::string ModuleError(const Module& m) {
+  DB_ERROR e;
+  memset(&e, 0, sizeof e);
+  m.GetError(&e);
+  return e.szMessage;
+}
+
+class Progress {
+ public:
+  explicit Progress(bool show) : show_(show && pf::IsTerminal(stderr)), start_(pf::TicksMs()) {}
+  void Update(uint64_t bytes) {
+    if (!show_) return;
+    uint64_t now = pf::TicksMs();
+    if (now - last_ < 250) return;
+    last_ = now;
+    fprintf(stderr, "\r%" PRIu64 " bytes  %.1f MiB/s   ", bytes, Rate(bytes));
+  }
+  void Done() {
+    if (show_) fprintf(stderr, "\r%*s\r", 60, "");
+  }
+  double Seconds() const { return (pf::TicksMs() - start_) / 1000.0; }
+  double Rate(uint64_t bytes) const {
+    double s = Seconds();
+    return s > 0 ? bytes / 1048576.0 / s : 0.0;
+  }
+
+ private:
+  bool show_;
+  uint64_t start_;
+  uint64_t last_ = 0;
+};
+
+int RunInfo(const Module& m) {
+  DB_INFO info;
+  memset(&info, 0, sizeof info);
+  if (m.GetInfo(&info) != DB_NUM_I_OK) {
+    fprintf(stderr, "tvucon: DB_GetInfo failed: %s\n", ModuleError(m).c_str());
+    return 1;
+  }
+  printf("description: %s\nversion: %s\nbuild: %s\nflag: %d\n", info.pszDescription, info.pszVersion,
+         info.pszBuild, info.iFlag);
+  return 0;
+}
+
+int RunConsolidate(const Module& m, const TvuconOptions& o) {
+  DB_INFO info;
+  memset(&info, 0, sizeof info);
+  m.GetInfo(&info);
+
+  std::string var = "DATABASE=CON:" + o.saveset;
+  std::vector<char*> vars = {&var[0], nullptr};
+  DB_OPERATION op{o.saveset.c_str()};
+  uint32_t rc = m.InitOperation(DB_TYPE_BCK, 0, vars.data(), &op);
+  if (rc != DB_NUM_I_OK) {
+    fprintf(stderr, "tvucon: DB_InitOperation returned %u: %s\n", rc, ModuleError(m).c_str());
+    return 1;
+  }
+
+  FILE* out = o.output == "-" ? stdout : pf::FOpen(o.output.c_str(), "wb");
+  if (!out) {
+    fprintf(stderr, "tvucon: cannot create %s: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
+    m.CloseOperation();
+    return 1;
+  }
+  // The blocks are large: write them straight through.
+  setvbuf(out, nullptr, _IONBF, 0);
+
+  m.GetItem(o.saveset.c_str(), o.saveset.c_str(), o.saveset.c_str());
+  m.OpenItem();
+
+  std::unique_ptr<char[]> buffer(new char[o.blockSize]);
+  char magic[7] = "";
+  uint64_t total = 0, blocks = 0;
+  Progress progress(!o.quiet);
+  int status = 0;
+  for (;;) {
+    uint32_t len = o.blockSize;
+    rc = m.ReadBlock(buffer.get(), &len, nullptr, nullptr);
+    if (rc == DB_NUM_I_END) break;
+    if (rc != DB_NUM_I_OK) {
+      progress.Done();
+      fprintf(stderr, "tvucon: DB_ReadBlock returned %u after %" PRIu64 " bytes: %s\n", rc, total,
+              ModuleError(m).c_str());
+      status = 1;
+      break;
+    }
+    if (len > o.blockSize) {
+      fprintf(stderr, "tvucon: DB_ReadBlock delivered %u bytes into a %u-byte buffer\n", len, o.blockSize);
+      status = 1;
+      break;
+    }
+    for (uint32_t i = 0; total + i < 6 && i < len; ++i) magic[total + i] = buffer[i];
+    if (len > 0 && fwrite(buffer.get(), 1, len, out) != len) {
+      fprintf(stderr, "tvucon: writing %s failed: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
+      status = 1;
+      break;
+    }
+    total += len;
+    ++blocks;
+    progress.Update(total);
+  }
+  progress.Done();
+
+  if (status == 0 && o.closeArchive && total > 0) {
+    // The catalog lists the items only; a trailer record in the stream's own
+    // header format makes it one complete archive.
+    cpio::Format format;
+    if (total < 6 || !cpio::FormatFromMagic(magic, &format)) {
+      fprintf(stderr, "tvucon: --close-archive: the stream does not begin with a known CPIO header\n");
+      status = 1;
+    } else {
+      std::string trailer = cpio::TrailerRecord(format);
+      if (fwrite(trailer.data(), 1, trailer.size(), out) != trailer.size()) {
+        fprintf(stderr, "tvucon: writing %s failed: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
+        status = 1;
+      }
+      total += trailer.size();
+    }
+  }
+  if (out != stdout) {
+    if (fclose(out) != 0 && status == 0) {
+      fprintf(stderr, "tvucon: closing %s failed: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
+      status = 1;
+    }
+  } else {
+    fflush(stdout);
+  }
+
+  m.CloseItem();
+  // The item is finished and its data is out: tell the module, which waits
+  // for this signal before it reports the item as processed.
+  pf::EventSignalByName("FinishItemEvent");
+  m.ItemFinishStatus();
+  m.CloseOperation();
+
+  if (status == 0 && !o.quiet) {
+    fprintf(stderr, "tvucon: consolidated %s: %" PRIu64 " bytes in %" PRIu64 " blocks, %.2f s, %.1f MiB/s\n",
+            o.saveset.c_str(), total, blocks, progress.Seconds(), progress.Rate(total));
+  }
+  return status;
+}
+
+}  // namespace
+
+// The host's log function, found by the module in this executable.
+extern "C" TVU_EXPORT void vttvu_log(int32_t zero, int32_t level, const char* format, va_list args) {
+  (void)zero;
+  if (level > g_logLevel) return;
+  char text[4096];
+  vsnprintf(text, sizeof text, format, args);
+  fprintf(stderr, "[%d] %s\n", level, text);
+}
+
+int main(int argc, char** argv) {
+  TvuconOptions o;
+  std::string error;
+  if (!ParseTvuconOptions(argc, argv, &o, &error)) {
+    fprintf(stderr, "tvucon: %s\n%s", error.c_str(), TvuconUsage());
+    return 2;
+  }
+  g_logLevel = o.logLevel;
+  if (!o.ini.empty()) pf::SetEnv("TQ_INI", o.ini.c_str());
+  if (!o.traceFile.empty()) {
+    g_traceFile = pf::FOpen(o.traceFile.c_str(), "a");
+    if (!g_traceFile) {
+      fprintf(stderr, "tvucon: cannot open trace file %s: %s\n", o.traceFile.c_str(),
+              pf::ErrorText(pf::LastError()).c_str());
+      return 1;
+    }
+  }
+
+  std::string path = o.module.empty() ? pf::ExecutableDir() + "libtvu_con.so" : o.module;
+  Module m;
+  if (!LoadModule(path, &m, &error)) {
+    fprintf(stderr, "tvucon: cannot load module: %s\n", error.c_str());
+    return 1;
+  }
+  m.SetLog(FallbackLog);
+  m.SetTrace(TraceHook);
+  int status = o.command == "info" ? RunInfo(m) : RunConsolidate(m, o);
+  if (g_traceFile) fclose(g_traceFile);
+  return status;
+}

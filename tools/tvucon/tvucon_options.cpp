@@ -1,0 +1,85 @@
+// tvucon_options.cpp - command-line parsing of the tvucon client.
+#include "tvucon/tvucon_options.h"
+
+#include <cstdlib>
+#include <cstring>
+
+const char* TvuconUsage() {
+  return "usage: tvucon consolidate --saveset NAME [--ini FILE] [--output FILE|-] [--block-size BYTES]\n"
+         "                          [--close-archive] [--module PATH] [--trace-file FILE]\n"
+         "                          [--log-level LEVEL] [--quiet]\n"
+         "       tvucon info [--module PATH]\n";
+}
+
+static bool ParseNumber(const char* text, unsigned long long max, unsigned long long* out) {
+  if (!text || !*text) return false;
+  char* end = nullptr;
+  unsigned long long v = strtoull(text, &end, 10);
+  if (*end != '\0' || v == 0 || v > max || text[0] == '-') return false;
+  *out = v;
+  return true;
+}
+
+bool ParseTvuconOptions(int argc, char** argv, TvuconOptions* o, std::string* error) {
+  if (argc < 2) {
+    *error = "missing command";
+    return false;
+  }
+  o->command = argv[1];
+  if (o->command != "consolidate" && o->command != "info") {
+    *error = "unknown command '" + o->command + "'";
+    return false;
+  }
+  for (int i = 2; i < argc; ++i) {
+    std::string arg = argv[i];
+    auto value = [&](std::string* out) {
+      if (i + 1 >= argc) {
+        *error = arg + " needs a value";
+        return false;
+      }
+      *out = argv[++i];
+      return true;
+    };
+    std::string v;
+    if (arg == "--module") {
+      if (!value(&o->module)) return false;
+    } else if (arg == "--saveset") {
+      if (!value(&o->saveset)) return false;
+    } else if (arg == "--ini") {
+      if (!value(&o->ini)) return false;
+    } else if (arg == "--output") {
+      if (!value(&o->output)) return false;
+    } else if (arg == "--trace-file") {
+      if (!value(&o->traceFile)) return false;
+    } else if (arg == "--block-size") {
+      unsigned long long n;
+      if (!value(&v)) return false;
+      // DB_ReadBlock takes a 32-bit length; keep a sane upper bound.
+      if (!ParseNumber(v.c_str(), 1ull << 30, &n)) {
+        *error = "--block-size must be a number of bytes from 1 to 1073741824";
+        return false;
+      }
+      o->blockSize = static_cast<uint32_t>(n);
+    } else if (arg == "--log-level") {
+      unsigned long long n;
+      if (!value(&v)) return false;
+      if (!ParseNumber(v.c_str(), 100000, &n)) {
+        *error = "--log-level must be a positive number (1500 errors, 3500 progress, 4000 details)";
+        return false;
+      }
+      o->logLevel = static_cast<int>(n);
+    } else if (arg == "--close-archive") {
+      o->closeArchive = true;
+    } else if (arg == "--quiet") {
+      o->quiet = true;
+    } else {
+      *error = "unknown option '" + arg + "'";
+      return false;
+    }
+  }
+  if (o->command == "consolidate" && o->saveset.empty()) {
+    *error = "consolidate needs --saveset NAME";
+    return false;
+  }
+  return true;
+}
