@@ -12,7 +12,9 @@ namespace {
 const char kEncodings[] = ".UTF-8,,ISO-8859";
 // A typical catalog path, about 60 bytes.
 const char kAsciiPath[] = "\\home\\projects\\reports\\2023\\quarterly_summary_final_v2.xlsx";
-const char kUtf8Path[] = "\\home\\Projekte\\Berichte\\2023\\Quartals\xC3\xBC" "bersicht_M\xC3\xA4rz_\xE2\x82\xAC.xlsx";
+const char kUtf8Path[] =
+    "\\home\\Projekte\\Berichte\\2023\\Quartals\xC3\xBC"
+    "bersicht_M\xC3\xA4rz_\xE2\x82\xAC.xlsx";
 
 void BM_MbstowcslAscii(benchmark::State& state) {
   wchar_t out[512];

@@ -1,4 +1,4 @@
-// runtime_test_util.h - temporary directories, files and environment for the runtime tests.
+// runtime_test_util.h - temporary files and environment for the runtime tests.
 #ifndef TVU_TESTS_RUNTIME_TEST_UTIL_H
 #define TVU_TESTS_RUNTIME_TEST_UTIL_H
 
@@ -10,35 +10,21 @@
 #include <optional>
 #include <sstream>
 #include <string>
-#include <vector>
 
 namespace runtime_test {
 
-// A fresh directory under the build tree, removed with everything in it.
+// A fresh directory under the build tree, removed with its contents.
 class TempDir {
  public:
-  TempDir() {
-    std::string pattern = std::string(TVU_BINARY_DIR) + "/runtime_test_XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    if (!mkdtemp(buf.data())) ADD_FAILURE() << "mkdtemp failed for " << pattern;
-    path_ = buf.data();
+  TempDir() : path_(std::string(TVU_BINARY_DIR) + "/runtime_test_XXXXXX") {
+    if (!mkdtemp(&path_[0])) ADD_FAILURE() << "mkdtemp failed for " << path_;
   }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::string& path() const { return path_; }
+  ~TempDir() { std::filesystem::remove_all(path_); }
   std::string File(const std::string& name) const { return path_ + "/" + name; }
-
-  // Writes the bytes exactly as given (no line-end translation).
+  // Writes the bytes exactly as given and returns the file's path.
   std::string Write(const std::string& name, const std::string& content) const {
-    std::string p = File(name);
-    std::ofstream(p, std::ios::binary) << content;
-    return p;
+    std::ofstream(File(name), std::ios::binary) << content;
+    return File(name);
   }
 
  private:
@@ -46,32 +32,19 @@ class TempDir {
 };
 
 inline std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
-  s << in.rdbuf();
+  s << std::ifstream(path, std::ios::binary).rdbuf();
   return s.str();
 }
 
-// Sets (or, with nullopt, unsets) an environment variable for one scope.
+// Sets (nullopt: unsets) an environment variable for one scope.
 class ScopedEnv {
  public:
   ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
     if (const char* old = getenv(name)) old_ = old;
-    if (value) {
-      setenv(name, value->c_str(), 1);
-    } else {
-      unsetenv(name);
-    }
+    value ? setenv(name, value->c_str(), 1) : unsetenv(name);
   }
-  ~ScopedEnv() {
-    if (old_) {
-      setenv(name_.c_str(), old_->c_str(), 1);
-    } else {
-      unsetenv(name_.c_str());
-    }
-  }
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
+  ~ScopedEnv() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
 
  private:
   std::string name_;

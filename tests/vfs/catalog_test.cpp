@@ -8,10 +8,10 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
+#include "runtime/runtime_test_util.h"
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_regex.h"
 #include "vfs/tq_vfs_saveset.h"
@@ -28,7 +28,8 @@ void AddSaveset(const char* name) {
   saveset_append(s);
 }
 
-// Every test starts from empty settings and a chain of three savesets.
+// Every test starts from empty settings and an empty saveset table; Chain()
+// fills in three savesets.
 class CatalogTest : public ::testing::Test {
  protected:
   void SetUp() override { Reset(); }
@@ -158,8 +159,9 @@ TEST_F(CatalogParseTest, SkippedLinesAreNotItems) {
                                   "Number of files 5", "fd"), 1);
   EXPECT_EQ(ParseSavesetEntry(&e, "\"TAPE\" x", "fd"), 1);
   EXPECT_EQ(ParseSavesetEntry(&e, "", "fd"), 1);
-  // Without two quotes: skipped where no pattern is tested.
-  CatalogSetLineByLine(true);
+  // Without two quotes: skipped where no pattern is tested (line-by-line mode,
+  // here forced by the option).
+  gVOPTIONS.iForceLineByLine = 1;
   EXPECT_EQ(ParseSavesetEntry(&e, "\"unterminated", "fd"), 1);
 }
 
@@ -174,6 +176,11 @@ TEST_F(CatalogParseTest, ZeroDatesAreEmulatedAndTakenFromSavesetName) {
   struct tm ct = e.tmCtime;
   EXPECT_LE(std::abs(difftime(mktime(&ct), before)), 5.0);
   EXPECT_EQ(e.tmMtime.tm_min, 58);
+  // The zero date as the very last text of a line (line-by-line mode checks
+  // no numbers).
+  Use("x.lis", ctUNKNOWN, true);
+  ASSERT_EQ(ParseSavesetEntry(&e, "\"a\" f 2026-10-01 01:59:00 0000-00-00", "f"), 0);
+  EXPECT_TRUE(e.bCtimeEmulated && e.bMtimeEmulated);
   // LSL: a zero modification date marks both; both come from the name.
   Use("x.lsl", ctLSL, true);
   ASSERT_EQ(ParseSavesetEntry(&e, "\"a\" f 2026-10-01 01:59:00 0000-00-00 00:00:00 1 2 3 SI20261103020000 0", "f"), 0);
@@ -288,21 +295,6 @@ TEST_F(CatalogTest, RegexCompileFailureGivesOffsetAndMessage) {
 
 // ---- detection ----------------------------------------------------------------
 
-class TempCatalogs {
- public:
-  TempCatalogs() {
-    std::string pattern = std::string(TVU_BINARY_DIR) + "/catalog_test_XXXXXX";
-    dir_ = mkdtemp(pattern.data());
-  }
-  ~TempCatalogs() { std::filesystem::remove_all(dir_); }
-  std::string Write(const std::string& name, const std::string& text) const {
-    std::ofstream(dir_ + "/" + name, std::ios::binary) << text;
-    return dir_ + "/" + name;
-  }
-
- private:
-  std::string dir_;
-};
 
 TEST_F(CatalogDetectTest, TypeFromExtensionHeaderAndFirstItem) {
   const std::string t = kTimes;
@@ -324,7 +316,7 @@ TEST_F(CatalogDetectTest, TypeFromExtensionHeaderAndFirstItem) {
       {"long.lsl", std::string(70000, '#') + "\n" + v2, ctLSLv2},  // read in buffer-sized pieces
       {"missing.lis", "", ctLIS},
   };
-  TempCatalogs dir;
+  runtime_test::TempDir dir;
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     std::string path = dir.Write(c.name, c.text);
@@ -352,7 +344,7 @@ TEST_F(CatalogDetectTest, TypeByLine) {
 }
 
 TEST_F(CatalogDetectDeathTest, UnknownExtensionEndsProcess) {
-  TempCatalogs dir;
+  runtime_test::TempDir dir;
   CatalogSetPath(dir.Write("cat.lnd", "\"a\" f\n").c_str());
   EXPECT_EXIT(DetectCatalogType(), ::testing::ExitedWithCode(1),
               "ERROR: Unknown catalog type \\[\\.lnd\\]\\. Expected extensions \\.lis, \\.lsl\\., \\.lnd Aborting");

@@ -92,19 +92,24 @@ void tvu_trace(const char* format, ...) {
   s_traceFn(text);
 }
 
-static void FatalReportV(const char* kind, const char* format, va_list args) {
+// Formats a message of any length (the status file keeps it whole).
+static std::string FormatWhole(const char* format, va_list args) {
+  va_list copy;
+  va_copy(copy, args);
+  int n = vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+  if (n > 0) vsnprintf(&text[0], text.size() + 1, format, args);
+  return text;
+}
+
+static void WriteStatusLine(const char* kind, std::string message) {
   if (s_statusFile.empty()) return;
   FILE* fp = pf::FOpen(s_statusFile.c_str(), "w+");
   if (!fp) return;
   char when[32] = "";
   struct tm tmNow;
   if (pf::LocalTime(time(nullptr), &tmNow)) strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &tmNow);
-  std::string message;
-  {
-    char text[kFormatBuffer];
-    vsnprintf(text, sizeof text, format, args);
-    message = text;
-  }
   // Messages written to the standard error stream carry their own line end;
   // the status file has exactly one line.
   while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
@@ -115,22 +120,21 @@ static void FatalReportV(const char* kind, const char* format, va_list args) {
 void tvu_fatal_report(const char* kind, const char* format, ...) {
   va_list args;
   va_start(args, format);
-  FatalReportV(kind, format, args);
+  std::string message = FormatWhole(format, args);
   va_end(args);
+  WriteStatusLine(kind, message);
 }
 
 void tvu_fatal(const char* format, ...) {
-  char text[kFormatBuffer];
   va_list args;
   va_start(args, format);
-  vsnprintf(text, sizeof text, format, args);
+  std::string text = FormatWhole(format, args);
   va_end(args);
-  size_t n = strlen(text);
-  while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r')) text[--n] = '\0';
-  tvu_fatal_report("ERROR", "%s", text);
-  korvo::write_trace(1, "FATAL: %s", text);
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  WriteStatusLine("ERROR", text);
+  korvo::write_trace(1, "FATAL: %s", text.c_str());
   // The client learns why the process ends through its log.
-  tvu_log(TQ_LOG_ERROR, "%s", text);
+  tvu_log(TQ_LOG_ERROR, "%s", text.c_str());
   fflush(stdout);
   fflush(stderr);
   exit(1);

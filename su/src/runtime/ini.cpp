@@ -165,7 +165,8 @@ int Resolve(std::string_view in, std::string* out) {
   // One separator between the two parts; none is added when either side
   // already has one or when a side is empty.
   *out = value;
-  if (!value.empty() && !rest.empty() && !IsSeparator(value.back()) && !IsSeparator(rest.front())) *out += '/';
+  if (!value.empty() && !rest.empty() && !IsSeparator(value.back()) && !IsSeparator(rest.front()))
+    *out += '/';
   out->append(rest);
   return 0;
 }

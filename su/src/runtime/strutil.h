@@ -43,7 +43,7 @@ inline bool EqualsNoCase(std::string_view a, std::string_view b) {
 inline void CopyCut(std::string_view text, char* out, size_t size) {
   if (!out || size == 0) return;
   size_t n = std::min(text.size(), size - 1);
-  std::memcpy(out, text.data(), n);
+  if (n > 0) std::memcpy(out, text.data(), n);
   out[n] = '\0';
 }
 

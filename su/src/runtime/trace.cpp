@@ -33,9 +33,9 @@ constexpr int kMaxLevel = 3;
 constexpr const char* kLevelEnv = "TQ_TRACE_LEVEL";
 constexpr const char* kFileEnv = "TQ_TRACE_FILE";
 
-std::atomic<int> g_level{-1};          // -1: not configured yet
+std::atomic<int> g_level{-1};         // -1: not configured yet
 std::atomic<bool> g_haveFile{false};  // a trace file is configured
-std::mutex g_mutex;                    // guards the state below and every write
+std::mutex g_mutex;                   // guards the state below and every write
 // The state is never destroyed, so that traces written from other static
 // destructors at exit still find it intact.
 std::string* g_path = nullptr;  // the configured trace file
@@ -98,8 +98,8 @@ int FormatPrefix(char* out, size_t size) {
   }
   struct tm tm {};
   pf::LocalTime(seconds, &tm);
-  int n = std::snprintf(out, size, "%04d-%02d-%02d %02d:%02d:%02d.%03d [%d] ", tm.tm_year + 1900, tm.tm_mon + 1,
-                        tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, millis, pf::ProcessId());
+  int n = std::snprintf(out, size, "%04d-%02d-%02d %02d:%02d:%02d.%03d [%d] ", tm.tm_year + 1900,
+                        tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, millis, pf::ProcessId());
   return n < 0 ? 0 : std::min(n, static_cast<int>(size) - 1);
 }
 

@@ -34,7 +34,11 @@ std::string s_sRewritten;   // the path with its drive bracket rewritten
 std::string s_sSavesetName;
 
 // The last saveset name looked up and its index, valid while the saveset
-// table is the same (same entries array, same count).
+// table is the same (same entries array, same count).  Consecutive lines of a
+// consolidated catalog mostly name the same saveset, and the table is filled
+// before any line is parsed.  A table freed and refilled with as many entries
+// that lands at the same address is not noticed; CatalogResetForTest forgets
+// the cache for such cases.
 struct SavesetCache {
   bool bValid = false;
   std::string sName;
@@ -218,7 +222,7 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
   const size_t length = std::strlen(line);
   const char* const end = line + length;
 
-  // Step 2: ignored lines go straight on to the split; item lines either set
+  // Ignored lines go straight on to the split; item lines either set
   // the catalog type from their own shape or must match the type's pattern.
   const bool lineByLine = catalog_internal::IsLineByLine();
   if (!catalog_internal::IsIgnoredLine(line, length)) {
@@ -231,7 +235,7 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
   }
   const int32_t type = g_iCatalogType;
 
-  // Step 4: the path between the first two double quotes.
+  // The path lies between the first two double quotes.
   ClearRecord(record);
   const char* open = static_cast<const char*>(std::memchr(line, '"', length));
   if (open == nullptr) return 1;
@@ -240,15 +244,14 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
   record->sPath.assign(open + 1, close);
   if (record->sPath.size() > static_cast<size_t>(MAX_LIS_ENTRY_PATH)) FatalPathTooLong(record);
 
-  // Step 5: wide path and base name.
   MakeWideNames(record);
 
-  // Step 6: the type letter follows the blank after the closing quote.
+  // The type letter follows the blank after the closing quote.
   const char* typeField = close + 1 < end ? close + 2 : end;
   record->cType = *typeField;
   if (admitted == nullptr || record->cType == '\0' || std::strchr(admitted, record->cType) == nullptr) return 1;
 
-  // Step 7: times.  A zero date anywhere from a time's position to the end of
+  // Times.  A zero date anywhere from a time's position to the end of
   // the line makes that time emulated; a zero modification date therefore
   // marks the change time as well.
   const char* const ctimeText = NextField(typeField, end);
@@ -275,7 +278,7 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
     korvo::cm_strptime(mtimeText, kTimeFormat, &record->tmMtime);
   }
 
-  // Step 8: numbers.  Missing fields are not checked for: outside line-by-line
+  // Numbers.  Missing fields are not checked for: outside line-by-line
   // mode the pattern has guaranteed them, and the consolidated catalog is
   // required to be complete.
   const bool isFile = record->cType == 'f';
@@ -300,10 +303,10 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
     if (ScanU64(p, &size)) record->ullSize = size;
     p = NextField(p, end);
     if (ScanS64(p, &fourth)) record->llFourth = fourth;
-    numberCount = 6;
+    numberCount = type == ctLSLv2 ? 6 : 5;
   }
 
-  // Step 9: MTF savesets keep no colons in item names.
+  // MTF savesets keep no colons in item names.
   if (CatalogGetSavesetType() == sdtMTF) {
     std::wstring& base = record->wsBaseName;
     size_t out = 0;
@@ -313,7 +316,7 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
     base.resize(out);
   }
 
-  // Step 10: the saveset.
+  // The saveset: named in LSL lines, always the first one for LIS catalogs.
   if (type == ctLSL || type == ctLSLv2) {
     const char* name = numbers;
     for (int i = 0; i < numberCount; ++i) name = NextField(name, end);
@@ -330,7 +333,6 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
     record->iSavesetIdx = 0;
   }
 
-  // Step 11.
   if (record->iSavesetIdx < 0) FatalUnknownSaveset(line);
   return 0;
 }
