@@ -19,6 +19,7 @@
 
 #include "catalog_writer.h"
 #include "chain_model.h"
+#include "relist.h"
 #include "chain_outputs.h"
 #include "saveset_writer.h"
 
@@ -40,7 +41,10 @@ const char kUsage[] =
     "usage: mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]\n"
     "               [--files N (1200)] [--incrementals K (4)] [--seed S (1)]\n"
     "               [--total-bytes B (25165824)] [--no-expected] [--no-final]\n"
-    "  lsl and lis are the version-1 catalogs; LIS catalogs allow no incrementals.\n";
+    "  lsl and lis are the version-1 catalogs; LIS catalogs allow no incrementals.\n"
+    "       mkchain relist --out DIR --media file|vk4|vk4ng [--dedup-host H] [--dedup-port P]\n"
+    "               [--http-type T (hyper)]\n"
+    "  rewrites the saveset list of the chain in DIR for savesets read from that medium.\n";
 
 bool ParseNumber(const std::string& text, uint64_t* value) {
   if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
@@ -199,7 +203,37 @@ int Run(const Options& o) {
 }  // namespace
 }  // namespace mkchain
 
+// "mkchain relist ...": the saveset list of an existing chain for another medium.
+static int Relist(int argc, char** argv) {
+  std::string dir, media, host = "127.0.0.1", httpType = "hyper";
+  int port = 0;
+  for (int i = 2; i < argc; ++i) {
+    std::string arg = argv[i];
+    if (i + 1 >= argc) {
+      std::fprintf(stderr, "mkchain relist: option %s needs a value\n%s", arg.c_str(), mkchain::kUsage);
+      return 2;
+    }
+    std::string value = argv[++i];
+    if (arg == "--out") dir = value;
+    else if (arg == "--media") media = value;
+    else if (arg == "--dedup-host") host = value;
+    else if (arg == "--dedup-port") port = std::atoi(value.c_str());
+    else if (arg == "--http-type") httpType = value;
+    else {
+      std::fprintf(stderr, "mkchain relist: unknown option %s\n%s", arg.c_str(), mkchain::kUsage);
+      return 2;
+    }
+  }
+  std::string error;
+  if (dir.empty() || !RelistChain(dir, media, host, port, httpType, &error)) {
+    std::fprintf(stderr, "mkchain relist: %s\n", dir.empty() ? "--out DIR is required" : error.c_str());
+    return dir.empty() ? 2 : 1;
+  }
+  return 0;
+}
+
 int main(int argc, char** argv) {
+  if (argc > 1 && std::string(argv[1]) == "relist") return Relist(argc, argv);
   mkchain::Options options;
   std::string error = mkchain::ParseOptions(argc, argv, &options);
   if (error == "help") {

@@ -96,6 +96,13 @@ int EventSignalByName(const char* name);
 
 void SleepMs(uint32_t milliseconds);
 
+// ---- network ---------------------------------------------------------------
+// Checks that a TCP server accepts connections at host:port: resolves the
+// host, creates a socket of the resolved family, connects and closes it.
+// Returns 0, or the stage that failed with its error number in *error.
+enum ProbeStage : int { kProbeOk = 0, kProbeStartup, kProbeResolve, kProbeSocket, kProbeConnect, kProbeClose };
+int TcpProbe(const char* host, const char* port, int* error);
+
 // ---- process and time ------------------------------------------------------
 // Looks up an exported symbol of the main executable of this process.
 void* HostSymbol(const char* name);

@@ -2,6 +2,8 @@
 #include "platform/platform.h"
 
 #include <dirent.h>
+#include <netdb.h>
+#include <sys/socket.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -273,6 +275,41 @@ int EventSignalByName(const char* name) {
   int rc = sem_post(s) == 0 ? 0 : errno;
   sem_close(s);
   return rc;
+}
+
+int TcpProbe(const char* host, const char* port, int* error) {
+  *error = 0;
+  struct addrinfo hints;
+  memset(&hints, 0, sizeof hints);
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_protocol = IPPROTO_TCP;
+  struct addrinfo* res = nullptr;
+  int rc = getaddrinfo(host, port, &hints, &res);
+  if (rc != 0) {
+    *error = rc;
+    return kProbeResolve;
+  }
+  int fd = ::socket(res->ai_family, res->ai_socktype | SOCK_CLOEXEC, res->ai_protocol);
+  if (fd < 0) {
+    *error = errno;
+    freeaddrinfo(res);
+    return kProbeSocket;
+  }
+  int stage = kProbeOk;
+  do {
+    rc = ::connect(fd, res->ai_addr, res->ai_addrlen);
+  } while (rc != 0 && errno == EINTR);
+  if (rc != 0) {
+    *error = errno;
+    stage = kProbeConnect;
+  }
+  freeaddrinfo(res);
+  if (::close(fd) != 0 && stage == kProbeOk) {
+    *error = errno;
+    stage = kProbeClose;
+  }
+  return stage;
 }
 
 void SleepMs(uint32_t milliseconds) {

@@ -35,7 +35,11 @@ void VfsTimerStop(int group) {
 }
 double VfsTimerSeconds(int group) { return s_timers[group].iTotal / 1000.0; }
 
-pf::Mutex* VfsDedupLibraryMutex() { return s_hDedupLibMutex; }
+pf::Mutex* VfsDedupLibraryMutex() {
+  // Normally made by InitVFS; made here when the table is used without it.
+  if (!s_hDedupLibMutex) pf::MutexCreate(&s_hDedupLibMutex);
+  return s_hDedupLibMutex;
+}
 bool VfsTerminating() { return s_bTerminate; }
 
 std::string SiblingCatalogPath(const char* catalogPath, const char* extension) {

@@ -25,8 +25,10 @@ struct SAVESET_MEDIA_OPS {
 
 extern const SAVESET_MEDIA_OPS g_sZeroMediaOps;  // smZERO
 extern const SAVESET_MEDIA_OPS g_sFileMediaOps;  // smFILE
+extern const SAVESET_MEDIA_OPS g_sVk4MediaOps;   // smVK4
+extern const SAVESET_MEDIA_OPS g_sVk4ngMediaOps; // smVK4NG
 
-// The operations of a media type, or null for a type this build cannot reach.
+// The operations of a media type, or null for an unknown type.
 const SAVESET_MEDIA_OPS* saveset_media_ops(uint32_t uiMediaType);
 
 #endif

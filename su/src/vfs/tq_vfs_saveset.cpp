@@ -26,9 +26,11 @@ const SAVESET_MEDIA_OPS* saveset_media_ops(uint32_t uiMediaType) {
       return &g_sZeroMediaOps;
     case smFILE:
       return &g_sFileMediaOps;
+    case smVK4:
+      return &g_sVk4MediaOps;
+    case smVK4NG:
+      return &g_sVk4ngMediaOps;
     default:
-      // Dedup media are reached through their own operations once they are
-      // linked in; until then they are types this build cannot open.
       return nullptr;
   }
 }

@@ -1,0 +1,116 @@
+// tq_vfs_media_vk4.cpp - savesets that are objects in the Vk4 dedup store,
+// read over the store's remote service.  The stream keeps its own position;
+// the store only moves forward, so a backward seek rewinds and skips.
+#include <cstdio>
+
+#include "plugin/db_hooks.h"
+#include "runtime/trace.h"
+#include "tqs/tq_dedup/n7dedup_client2.h"
+#include "vfs/tq_vfs_media.h"
+
+namespace {
+
+// A failed call leaves the stream in an unknown state: say so on the trace and
+// the standard error stream, record it and end the process.
+[[noreturn]] void StreamFatal(const char* call, int r, int32_t idx, const SAVESET* ps, bool fatalWordInReport) {
+  char text[2048];
+  snprintf(text, sizeof text, "%s r = %d saveset index = %d name = %s g_dedupLastError = %s", call, r, idx,
+           ps->szName, g_dedupLastError);
+  WRITE_TRACE(1, "FATAL %s", text);
+  fprintf(stderr, "FATAL %s\n", text);
+  if (fatalWordInReport) tvu_fatal("FATAL %s", text);
+  tvu_fatal("%s", text);
+}
+
+DedupClientStruct* Client(int32_t idx, const SAVESET* ps) {
+  DedupClientStruct* c = dedup_client(ps->iDedupHandle);
+  if (!c) tvu_fatal("Vk4 saveset [%s] (index %d) has no connection", ps->szName, idx);
+  return c;
+}
+
+int Vk4Open(int32_t idx, SAVESET* ps) {
+  int32_t handle = -1;
+  int r = dedup_connect(&handle, ps->szDedupHost, ps->uiDedupPort);
+  ps->iDedupHandle = handle;
+  if (r != 0) {
+    WRITE_TRACE(1, "Error dedup_connect ret = [%d]", r);
+    tvu_fatal("Cannot establish connection to Vk4 server [%s:%d] for [%s] error = %d vk4 = %s", ps->szDedupHost,
+              static_cast<int>(ps->uiDedupPort), ps->szName, r, g_dedupLastError);
+  }
+  WRITE_TRACE(1, "dedup_connect return with SID: %d", handle);
+  DedupClientStruct* c = Client(idx, ps);
+  r = c->startRecv_h(ps->szName);
+  if (r < 0) {
+    WRITE_TRACE(1, "Error dedup_start_recv_h ret = [%d]", r);
+    tvu_fatal("Cannot access vk4 saveset [%s] error = %d vk4 = %s", ps->szName, r, g_dedupLastError);
+  }
+  DEDUP_OBJECT_INFO info;
+  ps->llSize = dedup_get_object_info(handle, &info, ps->szName) == 0 ? info.llDedupBytes + info.llNewBytes : 0;
+  WRITE_TRACE(1, "dedup_start_recv_rpc_h[%s] handle = %d size = %lu", ps->szName, handle,
+              static_cast<unsigned long>(ps->llSize));
+  return 0;
+}
+
+int Vk4Close(int32_t, SAVESET* ps) {
+  dedup_close(ps->iDedupHandle);
+  ps->iDedupHandle = -1;
+  return 0;
+}
+
+void Vk4Read(int32_t idx, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint64_t* piBytesRead, uint8_t* pucEof) {
+  DedupClientStruct* c = Client(idx, ps);
+  int32_t got = 0;
+  // One call asks for at most what one reply may carry.
+  int32_t want = iBufSize > static_cast<uint64_t>(kDedupMaxRead) ? kDedupMaxRead : static_cast<int32_t>(iBufSize);
+  int r = c->fread_h(c->conid(), static_cast<char*>(pBuffer), want, &got);
+  WRITE_TRACE(2, "dedup_fread_rpc_h r = %d bytes requested = %d read = %d handle = %d", r, want, got,
+              ps->iDedupHandle);
+  if (r != 0) StreamFatal("dedup_fread_rpc_h", r, idx, ps, false);
+  *piBytesRead = static_cast<uint64_t>(got);
+  ps->llPosition += got;
+  if (static_cast<uint64_t>(got) < iBufSize) *pucEof |= SAVESET_FLAG_EOF;
+}
+
+int Vk4Seek(int32_t idx, SAVESET* ps, int64_t iOffset) {
+  if (iOffset > ps->llSize) {
+    // The store cannot go past the object's end: the seek is skipped, not failed.
+    WRITE_TRACE(1, "Seeking past EOF (%llu > %llu). Seek aborted", static_cast<unsigned long long>(iOffset),
+                static_cast<unsigned long long>(ps->llSize));
+    return 0;
+  }
+  WRITE_TRACE(3, "saveset FPOS = %llu", static_cast<unsigned long long>(ps->llPosition));
+  DedupClientStruct* c = Client(idx, ps);
+  int64_t distance;
+  if (ps->llPosition > iOffset) {
+    int r = c->rewind_h(c->conid());
+    if (r != 0) StreamFatal("dedup_rewind_h", r, idx, ps, false);
+    ps->llPosition = 0;
+    distance = iOffset;
+  } else {
+    distance = iOffset - ps->llPosition;
+  }
+  WRITE_TRACE(3, "dedup skipping %lu bytes", static_cast<unsigned long>(distance));
+  int r = c->skip_h(c->conid(), distance);
+  if (r < 0) StreamFatal("dedup_skip_h", r, idx, ps, true);
+  ps->llPosition += distance;
+  return 0;
+}
+
+int Vk4Feof(int32_t, SAVESET* ps) {
+  WRITE_TRACE(3, "dedup_feof_h handle = %d", ps->iDedupHandle);
+  return ps->llPosition >= ps->llSize ? 1 : 0;
+}
+
+int Vk4Size(int32_t, SAVESET* ps, uint64_t* pSize) {
+  *pSize = static_cast<uint64_t>(ps->llSize);
+  return 0;
+}
+
+int Vk4Tell(int32_t, SAVESET* ps, uint64_t* pPosition) {
+  *pPosition = static_cast<uint64_t>(ps->llPosition);
+  return 0;
+}
+
+}  // namespace
+
+const SAVESET_MEDIA_OPS g_sVk4MediaOps = {Vk4Open, Vk4Close, Vk4Read, Vk4Seek, Vk4Feof, Vk4Size, Vk4Tell};
