@@ -172,6 +172,23 @@ TEST_F(DedupTest, Vk4StreamSeeksByRewindAndSkip) {
   EXPECT_EQ(1u, Count(log, "bytes=0 "));
 }
 
+// One block larger than Thrift's default frame limit (16 MB) arrives whole.
+TEST_F(DedupTest, Vk4ReadsOfTwentyMegabytesInOneCall) {
+  const std::string big = Pattern(20u << 20);
+  tvutest::WriteFile(dir_ / "big.cpio", big);
+  Start();
+  int32_t idx = AppendDedup(smVK4, "big.cpio");
+  ASSERT_EQ(0, saveset_open(idx));
+  std::string buf(big.size(), '\0');
+  uint64_t got = 0;
+  uint8_t eof = 0;
+  ASSERT_EQ(0, saveset_seek(idx, 0));
+  saveset_read(idx, &buf[0], buf.size(), &got, &eof);
+  EXPECT_EQ(big.size(), got);
+  EXPECT_TRUE(buf == big);
+  EXPECT_EQ(0, eof);
+}
+
 TEST_F(DedupTest, Vk4ngStreamThroughTheLibraryPassesSeeksPastTheEnd) {
   Start();
   setenv("TQ_DEDUP_LIB", (std::string(TVU_BINARY_DIR) + "/libtq_dedup.so").c_str(), 1);

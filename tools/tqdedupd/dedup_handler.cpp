@@ -3,6 +3,7 @@
 #include "tqdedupd/dedup_handler.h"
 
 #include <thrift/TApplicationException.h>
+#include <thrift/transport/TSocket.h>
 
 #include <algorithm>
 
@@ -163,7 +164,10 @@ n7dedup::DedupServiceIf* HandlerFactory::getHandler(const apache::thrift::TConne
     id = nextConnection_++;
     live_[connInfo.input.get()] = id;
   }
-  std::string peer = connInfo.transport ? connInfo.transport->getOrigin() : std::string("?");
+  // The numeric address: getOrigin() would look the peer's name up.
+  std::string peer = "?";
+  if (auto* socket = dynamic_cast<apache::thrift::transport::TSocket*>(connInfo.transport.get()))
+    peer = socket->getPeerAddress() + ":" + std::to_string(socket->getPeerPort());
   log_.Printf("conn %llu: opened from %s", static_cast<unsigned long long>(id), peer.c_str());
   return new DedupHandler(store_, faults_, log_, id, connInfo.transport);
 }

@@ -54,9 +54,10 @@ bool ParseTvuconOptions(int argc, char** argv, TvuconOptions* o, std::string* er
     } else if (arg == "--block-size") {
       unsigned long long n;
       if (!value(&v)) return false;
-      // DB_ReadBlock takes a 32-bit length; keep a sane upper bound.
-      if (!ParseNumber(v.c_str(), 1ull << 30, &n)) {
-        *error = "--block-size must be a number of bytes from 1 to 1073741824";
+      // One read from a dedup store carries at most 64 MiB, and the module
+      // serves each block with one read.
+      if (!ParseNumber(v.c_str(), 64ull << 20, &n)) {
+        *error = "--block-size must be a number of bytes from 1 to 67108864";
         return false;
       }
       o->blockSize = static_cast<uint32_t>(n);
