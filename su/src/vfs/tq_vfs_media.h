@@ -28,6 +28,17 @@ extern const SAVESET_MEDIA_OPS g_sFileMediaOps;  // smFILE
 extern const SAVESET_MEDIA_OPS g_sVk4MediaOps;   // smVK4
 extern const SAVESET_MEDIA_OPS g_sVk4ngMediaOps; // smVK4NG
 
+// Shared by the media whose stream position is the entry's position field.
+int MediaPositionSize(int32_t iSavesetIdx, SAVESET* ps, uint64_t* pSize);
+int MediaPositionTell(int32_t iSavesetIdx, SAVESET* ps, uint64_t* pPosition);
+// End of a dedup stream: the position has reached the size.
+int MediaDedupFeof(int32_t iSavesetIdx, SAVESET* ps);
+// A failed dedup call leaves the stream in an unknown state: the message goes
+// to the trace and the standard error stream with "FATAL " in front, into the
+// status file (with "FATAL " when fatalWordInReport), and the process ends.
+[[noreturn]] void MediaDedupStreamFatal(const char* call, int r, int32_t iSavesetIdx, const SAVESET* ps,
+                                        const char* lastError, bool fatalWordInReport);
+
 // The operations of a media type, or null for an unknown type.
 const SAVESET_MEDIA_OPS* saveset_media_ops(uint32_t uiMediaType);
 

@@ -10,18 +10,6 @@
 
 namespace {
 
-// A failed call leaves the stream in an unknown state: say so on the trace and
-// the standard error stream, record it and end the process.
-[[noreturn]] void StreamFatal(const char* call, int r, int32_t idx, const SAVESET* ps, bool fatalWordInReport) {
-  char text[2048];
-  snprintf(text, sizeof text, "%s r = %d saveset index = %d name = %s g_dedupLastError = %s", call, r, idx,
-           ps->szName, g_dedupLastError);
-  WRITE_TRACE(1, "FATAL %s", text);
-  fprintf(stderr, "FATAL %s\n", text);
-  if (fatalWordInReport) tvu_fatal("FATAL %s", text);
-  tvu_fatal("%s", text);
-}
-
 DedupClientStruct* Client(int32_t idx, const SAVESET* ps) {
   DedupClientStruct* c = dedup_client(ps->iDedupHandle);
   if (!c) tvu_fatal("Vk4 saveset [%s] (index %d) has no connection", ps->szName, idx);
@@ -65,7 +53,7 @@ void Vk4Read(int32_t idx, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint64_
   int r = c->fread_h(c->conid(), static_cast<char*>(pBuffer), want, &got);
   WRITE_TRACE(2, "dedup_fread_rpc_h r = %d bytes requested = %d read = %d handle = %d", r, want, got,
               ps->iDedupHandle);
-  if (r != 0) StreamFatal("dedup_fread_rpc_h", r, idx, ps, false);
+  if (r != 0) MediaDedupStreamFatal("dedup_fread_rpc_h", r, idx, ps, g_dedupLastError, false);
   *piBytesRead = static_cast<uint64_t>(got);
   ps->llPosition += got;
   if (static_cast<uint64_t>(got) < iBufSize) *pucEof |= SAVESET_FLAG_EOF;
@@ -83,7 +71,7 @@ int Vk4Seek(int32_t idx, SAVESET* ps, int64_t iOffset) {
   int64_t distance;
   if (ps->llPosition > iOffset) {
     int r = c->rewind_h(c->conid());
-    if (r != 0) StreamFatal("dedup_rewind_h", r, idx, ps, false);
+    if (r != 0) MediaDedupStreamFatal("dedup_rewind_h", r, idx, ps, g_dedupLastError, false);
     ps->llPosition = 0;
     distance = iOffset;
   } else {
@@ -91,26 +79,12 @@ int Vk4Seek(int32_t idx, SAVESET* ps, int64_t iOffset) {
   }
   WRITE_TRACE(3, "dedup skipping %lu bytes", static_cast<unsigned long>(distance));
   int r = c->skip_h(c->conid(), distance);
-  if (r < 0) StreamFatal("dedup_skip_h", r, idx, ps, true);
+  if (r < 0) MediaDedupStreamFatal("dedup_skip_h", r, idx, ps, g_dedupLastError, true);
   ps->llPosition += distance;
-  return 0;
-}
-
-int Vk4Feof(int32_t, SAVESET* ps) {
-  WRITE_TRACE(3, "dedup_feof_h handle = %d", ps->iDedupHandle);
-  return ps->llPosition >= ps->llSize ? 1 : 0;
-}
-
-int Vk4Size(int32_t, SAVESET* ps, uint64_t* pSize) {
-  *pSize = static_cast<uint64_t>(ps->llSize);
-  return 0;
-}
-
-int Vk4Tell(int32_t, SAVESET* ps, uint64_t* pPosition) {
-  *pPosition = static_cast<uint64_t>(ps->llPosition);
   return 0;
 }
 
 }  // namespace
 
-const SAVESET_MEDIA_OPS g_sVk4MediaOps = {Vk4Open, Vk4Close, Vk4Read, Vk4Seek, Vk4Feof, Vk4Size, Vk4Tell};
+const SAVESET_MEDIA_OPS g_sVk4MediaOps = {Vk4Open,        Vk4Close,         Vk4Read,          Vk4Seek,
+                                          MediaDedupFeof, MediaPositionSize, MediaPositionTell};

@@ -28,19 +28,6 @@ std::string LastMessage() {
   });
 }
 
-// A failed call leaves the stream in an unknown state: trace, standard error
-// stream, status file, end.
-[[noreturn]] void StreamFatal(const char* call, int r, int32_t idx, const SAVESET* ps, bool fatalWordInReport) {
-  std::string last = LastMessage();
-  char text[2048];
-  snprintf(text, sizeof text, "%s r = %d saveset index = %d name = %s g_dedupLastError = %s", call, r, idx,
-           ps->szName, last.c_str());
-  WRITE_TRACE(1, "FATAL %s", text);
-  fprintf(stderr, "FATAL %s\n", text);
-  if (fatalWordInReport) tvu_fatal("FATAL %s", text);
-  tvu_fatal("%s", text);
-}
-
 int Vk4ngOpen(int32_t, SAVESET* ps) {
   const TQ_DEDUP_API* api = DedupLibrary();
   WRITE_TRACE(1, "Using DeDup2 (RUST lib). Hostname=%s / port=%d, HTTP type=%s", ps->szDedupHost,
@@ -75,7 +62,7 @@ void Vk4ngRead(int32_t idx, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint6
   int r = got == 0 ? 1 : 0;
   WRITE_TRACE(2, "dedup_read_restore r = %d bytes requested = %d read = %d handle = %d", r,
               static_cast<int>(iBufSize), static_cast<int>(got), ps->iDedupHandle);
-  if (got == 0) StreamFatal("dedup_read_restore", r, idx, ps, false);
+  if (got == 0) MediaDedupStreamFatal("dedup_read_restore", r, idx, ps, LastMessage().c_str(), false);
   *piBytesRead = static_cast<uint64_t>(got);
   ps->llPosition += got;
   if (static_cast<uint64_t>(got) < iBufSize) *pucEof |= SAVESET_FLAG_EOF;
@@ -89,7 +76,7 @@ int Vk4ngSeek(int32_t idx, SAVESET* ps, int64_t iOffset) {
   int64_t distance;
   if (ps->llPosition > iOffset) {
     int32_t r = Locked([&] { return api->pfnRewindRestore(ps->iDedupHandle); });
-    if (r != 0) StreamFatal("dedup_rewind_restore", r, idx, ps, false);
+    if (r != 0) MediaDedupStreamFatal("dedup_rewind_restore", r, idx, ps, LastMessage().c_str(), false);
     ps->llPosition = 0;
     distance = iOffset;
   } else {
@@ -97,27 +84,12 @@ int Vk4ngSeek(int32_t idx, SAVESET* ps, int64_t iOffset) {
   }
   WRITE_TRACE(3, "dedup skipping %lu bytes", static_cast<unsigned long>(distance));
   int32_t r = Locked([&] { return api->pfnSkipRestore(ps->iDedupHandle, distance); });
-  if (r < 0) StreamFatal("dedup_skip_restore", r, idx, ps, true);
+  if (r < 0) MediaDedupStreamFatal("dedup_skip_restore", r, idx, ps, LastMessage().c_str(), true);
   ps->llPosition += distance;
-  return 0;
-}
-
-int Vk4ngFeof(int32_t, SAVESET* ps) {
-  WRITE_TRACE(3, "dedup_feof_h handle = %d", ps->iDedupHandle);
-  return ps->llPosition >= ps->llSize ? 1 : 0;
-}
-
-int Vk4ngSize(int32_t, SAVESET* ps, uint64_t* pSize) {
-  *pSize = static_cast<uint64_t>(ps->llSize);
-  return 0;
-}
-
-int Vk4ngTell(int32_t, SAVESET* ps, uint64_t* pPosition) {
-  *pPosition = static_cast<uint64_t>(ps->llPosition);
   return 0;
 }
 
 }  // namespace
 
-const SAVESET_MEDIA_OPS g_sVk4ngMediaOps = {Vk4ngOpen, Vk4ngClose, Vk4ngRead, Vk4ngSeek,
-                                            Vk4ngFeof, Vk4ngSize, Vk4ngTell};
+const SAVESET_MEDIA_OPS g_sVk4ngMediaOps = {Vk4ngOpen,      Vk4ngClose,        Vk4ngRead,        Vk4ngSeek,
+                                            MediaDedupFeof, MediaPositionSize, MediaPositionTell};

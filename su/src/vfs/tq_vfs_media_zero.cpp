@@ -23,16 +23,6 @@ int ZeroSeek(int32_t, SAVESET* ps, int64_t iOffset) {
 
 int ZeroFeof(int32_t, SAVESET*) { return 0; }  // a zero source never ends
 
-int ZeroSize(int32_t, SAVESET* ps, uint64_t* pSize) {
-  *pSize = static_cast<uint64_t>(ps->llSize);
-  return 0;
-}
-
-int ZeroTell(int32_t, SAVESET* ps, uint64_t* pPosition) {
-  *pPosition = static_cast<uint64_t>(ps->llPosition);
-  return 0;
-}
-
 }  // namespace
 
-const SAVESET_MEDIA_OPS g_sZeroMediaOps = {ZeroOpen, ZeroClose, ZeroRead, ZeroSeek, ZeroFeof, ZeroSize, ZeroTell};
+const SAVESET_MEDIA_OPS g_sZeroMediaOps = {ZeroOpen, ZeroClose, ZeroRead, ZeroSeek, ZeroFeof, MediaPositionSize, MediaPositionTell};
