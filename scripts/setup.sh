@@ -8,7 +8,7 @@ PACKAGES=(
   libpcre3-dev libboost-dev zlib1g-dev
   libthrift-dev thrift-compiler libfuse3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  cpio libarchive-tools qemu-utils python3-libvhdi dump
+  cpio libarchive-tools qemu-utils python3-libvhdi dump fuse3 bindfs
 )
 
 missing=()

@@ -17,6 +17,10 @@
 //   version 1, per-saveset catalog:   inode number, R's start, R's end
 //   version 1, consolidated catalog:  R's start, R's end, data size
 //
+// In a version-2 consolidated catalog every third file (inode divisible by 3)
+// carries the relative offset 0, "not located": a tree reader then finds the
+// item's data by walking its stream from R's start.
+//
 // The consolidated catalog lists every item of the final state once, and R
 // is the item's newest record in the saveset the line names.
 #ifndef MKCHAIN_CATALOG_WRITER_H

@@ -17,6 +17,7 @@
 #include "platform/platform.h"
 #include "tvu_con.h"
 #include "tvucon/tvucon_options.h"
+#include "tvucon/tvucon_tree.h"
 
 namespace {
 
@@ -243,6 +244,12 @@ int main(int argc, char** argv) {
               pf::ErrorText(pf::LastError()).c_str());
       return 1;
     }
+  }
+
+  if (IsTreeCommand(o.command)) {
+    int treeStatus = RunTreeCommand(o, TraceHook);
+    if (g_traceFile) fclose(g_traceFile);
+    return treeStatus;
   }
 
   std::string path = o.module.empty() ? pf::ExecutableDir() + "libtvu_con.so" : o.module;

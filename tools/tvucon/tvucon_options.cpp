@@ -8,7 +8,16 @@ const char* TvuconUsage() {
   return "usage: tvucon consolidate --saveset NAME [--ini FILE] [--output FILE|-] [--block-size BYTES]\n"
          "                          [--close-archive] [--module PATH] [--trace-file FILE]\n"
          "                          [--log-level LEVEL] [--quiet]\n"
-         "       tvucon info [--module PATH]\n";
+         "       tvucon info [--module PATH]\n"
+         "       tvucon ls|stat|cat|find --saveset NAME [--ini FILE] [--build-cache] [PATH]\n"
+         "       tvucon export --saveset NAME [--ini FILE] PATH FOLDER\n"
+         "       tvucon mount --saveset NAME [--ini FILE] [--foreground] [--debug] MOUNTPOINT\n"
+         "  tree paths: a catalog item a/b.txt is /a/b.txt; C:/x/y is /C/x/y\n";
+}
+
+static bool IsKnownCommand(const std::string& c) {
+  return c == "consolidate" || c == "info" || c == "ls" || c == "stat" || c == "cat" || c == "find" ||
+         c == "export" || c == "mount";
 }
 
 static bool ParseNumber(const char* text, unsigned long long max, unsigned long long* out) {
@@ -26,10 +35,11 @@ bool ParseTvuconOptions(int argc, char** argv, TvuconOptions* o, std::string* er
     return false;
   }
   o->command = argv[1];
-  if (o->command != "consolidate" && o->command != "info") {
+  if (!IsKnownCommand(o->command)) {
     *error = "unknown command '" + o->command + "'";
     return false;
   }
+  int positional = 0;
   for (int i = 2; i < argc; ++i) {
     std::string arg = argv[i];
     auto value = [&](std::string* out) {
@@ -73,13 +83,32 @@ bool ParseTvuconOptions(int argc, char** argv, TvuconOptions* o, std::string* er
       o->closeArchive = true;
     } else if (arg == "--quiet") {
       o->quiet = true;
+    } else if (arg == "--build-cache") {
+      o->buildCache = true;
+    } else if (arg == "--foreground") {
+      o->foreground = true;
+    } else if (arg == "--debug") {
+      o->debug = true;
+    } else if (arg.size() > 1 && arg[0] == '-' && arg[1] == '-') {
+      *error = "unknown option '" + arg + "'";
+      return false;
+    } else if (o->command != "consolidate" && o->command != "info" && positional < 2) {
+      (positional++ == 0 ? o->path : o->destination) = arg;
     } else {
       *error = "unknown option '" + arg + "'";
       return false;
     }
   }
-  if (o->command == "consolidate" && o->saveset.empty()) {
-    *error = "consolidate needs --saveset NAME";
+  if (o->command != "info" && o->saveset.empty()) {
+    *error = o->command + " needs --saveset NAME";
+    return false;
+  }
+  if (o->command == "export" && positional != 2) {
+    *error = "export needs a tree path and a local folder";
+    return false;
+  }
+  if (o->command == "mount" && positional != 1) {
+    *error = "mount needs a mount point";
     return false;
   }
   return true;

@@ -16,6 +16,12 @@ struct TvuconOptions {
   int logLevel = 1500;           // --log-level: show log lines up to this level
   bool closeArchive = false;     // --close-archive
   bool quiet = false;            // --quiet: no progress line, no summary
+  // Tree commands.
+  std::string path = "/";        // tree path (ls, stat, cat, find, export) or mount point (mount)
+  std::string destination;       // export: local folder
+  bool buildCache = false;       // --build-cache: build the whole tree first
+  bool foreground = false;       // mount --foreground
+  bool debug = false;            // mount --debug
 };
 
 // Parses argv; on error returns false with a message in *error.

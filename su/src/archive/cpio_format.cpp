@@ -53,6 +53,22 @@ constexpr Field kExtFields[] = {
 };
 constexpr size_t kNewcFieldCount = 13;
 
+// ea_acl: 12 hex fields, 102 bytes.
+constexpr Field kEaAclFields[] = {
+    {"ino", 6, 8, 16, &Header::ino},
+    {"mode", 14, 8, 16, &Header::mode},
+    {"uid", 22, 8, 16, &Header::uid},
+    {"gid", 30, 8, 16, &Header::gid},
+    {"nlink", 38, 8, 16, &Header::nlink},
+    {"mtime", 46, 8, 16, &Header::mtime},
+    {"easize", 54, 8, 16, &Header::easize},
+    {"aclsize", 62, 8, 16, &Header::aclsize},
+    {"devmajor", 70, 8, 16, &Header::devmajor},
+    {"devminor", 78, 8, 16, &Header::devminor},
+    {"namesize", 86, 8, 16, &Header::namesize},
+    {"check", 94, 8, 16, &Header::check},
+};
+
 struct Layout {
   size_t size;
   const Field* fields;
@@ -68,6 +84,8 @@ Layout LayoutOf(Format format) {
     case Format::kExt:
     case Format::kExtUnpadded:
       return {126, kExtFields, sizeof(kExtFields) / sizeof(kExtFields[0])};
+    case Format::kEaAcl:
+      return {102, kEaAclFields, sizeof(kEaAclFields) / sizeof(kEaAclFields[0])};
   }
   return {0, nullptr, 0};  // not reached: every format is listed above
 }
@@ -162,12 +180,22 @@ bool FormatFromMagic(const char* six, Format* format) {
   }
 }
 
+bool FormatFromAnyMagic(const char* six, Format* format) {
+  if (FormatFromMagic(six, format)) return true;
+  uint64_t magic = 0;
+  size_t bad = 0;
+  if (!ParseDigits(six, kMagicLen, 8, &magic, &bad) || magic != kMagicEaAcl) return false;
+  *format = Format::kEaAcl;
+  return true;
+}
+
 uint32_t DefaultMagic(Format format) {
   switch (format) {
     case Format::kOdc: return kMagicOdc;
     case Format::kNewc: return kMagicNewc;
     case Format::kExt: return kMagicExt;
     case Format::kExtUnpadded: return kMagicExtUnpadded;
+    case Format::kEaAcl: return kMagicEaAcl;
   }
   return 0;
 }
@@ -178,14 +206,17 @@ const char* FormatName(Format format) {
     case Format::kNewc: return "newc";
     case Format::kExt: return "ext";
     case Format::kExtUnpadded: return "ext-unpadded";
+    case Format::kEaAcl: return "ea_acl";
   }
   return "?";
 }
 
 size_t HeaderSize(Format format) { return LayoutOf(format).size; }
 
+size_t FieldCount(Format format) { return 1 + LayoutOf(format).count; }
+
 bool IsPadded(Format format) {
-  return format == Format::kNewc || format == Format::kExt;
+  return format == Format::kNewc || format == Format::kExt || format == Format::kEaAcl;
 }
 
 uint64_t DataOffset(Format format, uint64_t nameSize) {
@@ -222,7 +253,7 @@ bool EncodeRecordHeader(Format format, const Header& header, std::string* out,
   char buf[128];
   const uint32_t magic = header.magic ? header.magic : DefaultMagic(format);
   Format magicFormat;
-  if (!FormatDigits(magic, kMagicLen, 8, buf) || !FormatFromMagic(buf, &magicFormat) ||
+  if (!FormatDigits(magic, kMagicLen, 8, buf) || !FormatFromAnyMagic(buf, &magicFormat) ||
       magicFormat != format) {
     SetWhy(why, "magic " + Num(magic) + " does not belong to format " + FormatName(format));
     return false;
@@ -253,33 +284,38 @@ std::string TrailerRecord(Format format) {
   return out;
 }
 
-DecodeResult DecodeHeader(const char* buf, size_t avail, Header* header,
-                          size_t* headerAndNameLen, std::string* why) {
+DecodeResult DecodeFixedHeader(const char* buf, size_t avail, Header* header,
+                               size_t* fieldsRead, std::string* why) {
+  size_t readDummy = 0;
+  size_t& read = fieldsRead ? *fieldsRead : readDummy;
   *header = Header();
-  *headerAndNameLen = 0;
+  read = 0;
   if (avail < kMagicLen) {
-    *headerAndNameLen = kMagicLen;
     SetWhy(why, "byte 0: magic needs 6 bytes, " + Num(avail) + " available");
     return DecodeResult::kTruncated;
   }
+  uint64_t magic = 0;
+  size_t bad = 0;
+  if (!ParseDigits(buf, kMagicLen, 8, &magic, &bad)) {
+    SetWhy(why, "byte 0: unknown magic \"" + Printable(buf, kMagicLen) + "\"");
+    return DecodeResult::kCorrupt;
+  }
+  read = 1;
+  header->magic = static_cast<uint32_t>(magic);
   Format format;
-  if (!FormatFromMagic(buf, &format)) {
+  if (!FormatFromAnyMagic(buf, &format)) {
     SetWhy(why, "byte 0: unknown magic \"" + Printable(buf, kMagicLen) + "\"");
     return DecodeResult::kCorrupt;
   }
   const Layout layout = LayoutOf(format);
   if (avail < layout.size) {
-    *headerAndNameLen = layout.size;
     SetWhy(why, std::string("byte 0: ") + FormatName(format) + " header needs " +
                     Num(layout.size) + " bytes, " + Num(avail) + " available");
     return DecodeResult::kTruncated;
   }
 
-  uint64_t magic = 0;
-  size_t bad = 0;
-  ParseDigits(buf, kMagicLen, 8, &magic, &bad);  // FormatFromMagic checked the digits
-  header->magic = static_cast<uint32_t>(magic);
   header->format = format;
+  size_t nameSizeAt = 0;
   for (size_t i = 0; i < layout.count; ++i) {
     const Field& f = layout.fields[i];
     if (!ParseDigits(buf + f.off, f.len, f.base, &(header->*f.member), &bad)) {
@@ -288,6 +324,8 @@ DecodeResult DecodeHeader(const char* buf, size_t avail, Header* header,
                       (f.base == 8 ? "an octal" : "a hex") + " digit");
       return DecodeResult::kCorrupt;
     }
+    ++read;
+    if (f.member == &Header::namesize) nameSizeAt = f.off;
   }
   if (format == Format::kOdc) {
     // odc keeps whole device numbers; callers use the byte-wise split.
@@ -296,10 +334,13 @@ DecodeResult DecodeHeader(const char* buf, size_t avail, Header* header,
     header->rdevmajor = (header->rdev >> 8) & 255;
     header->rdevminor = header->rdev & 255;
   }
+  if (format == Format::kEaAcl) {
+    // Both are at most 0xffffffff, so the sum cannot overflow.
+    header->filesize = header->easize + header->aclsize;
+  }
 
   // The name size is the one length used to index the buffer: check it
-  // against its cap first and against the bytes available second.
-  const size_t nameSizeAt = (format == Format::kOdc) ? 59 : 94;
+  // against its cap here; DecodeHeader checks it against the bytes available.
   const uint64_t nameSize = header->namesize;
   if (nameSize == 0) {
     SetWhy(why, "byte " + Num(nameSizeAt) + ": name size 0 (a name has at least its NUL)");
@@ -310,18 +351,38 @@ DecodeResult DecodeHeader(const char* buf, size_t avail, Header* header,
                     " exceeds the limit of " + Num(kMaxNameSize));
     return DecodeResult::kCorrupt;
   }
-  if (avail - layout.size < nameSize) {
-    *headerAndNameLen = layout.size + nameSize;
-    SetWhy(why, "byte " + Num(layout.size) + ": name of " + Num(nameSize) + " bytes, " +
-                    Num(avail - layout.size) + " available");
+  return DecodeResult::kOk;
+}
+
+DecodeResult DecodeHeader(const char* buf, size_t avail, Header* header,
+                          size_t* headerAndNameLen, std::string* why) {
+  *headerAndNameLen = 0;
+  const DecodeResult fixed = DecodeFixedHeader(buf, avail, header, nullptr, why);
+  if (fixed == DecodeResult::kTruncated) {
+    // The magic, or the fixed part of a known format, does not fit.
+    Format format;
+    *headerAndNameLen = (avail >= kMagicLen && FormatFromAnyMagic(buf, &format))
+                            ? HeaderSize(format) : kMagicLen;
+    *header = Header();
+    return fixed;
+  }
+  if (fixed != DecodeResult::kOk) return fixed;
+
+  const Format format = header->format;
+  const size_t headerSize = HeaderSize(format);
+  const uint64_t nameSize = header->namesize;
+  if (avail - headerSize < nameSize) {
+    *headerAndNameLen = headerSize + nameSize;
+    SetWhy(why, "byte " + Num(headerSize) + ": name of " + Num(nameSize) + " bytes, " +
+                    Num(avail - headerSize) + " available");
     return DecodeResult::kTruncated;
   }
-  const char* name = buf + layout.size;
+  const char* name = buf + headerSize;
   const void* nul = std::memchr(name, '\0', nameSize);
   if (nul != name + nameSize - 1) {
-    SetWhy(why, nul ? "byte " + Num(layout.size + (static_cast<const char*>(nul) - name)) +
+    SetWhy(why, nul ? "byte " + Num(headerSize + (static_cast<const char*>(nul) - name)) +
                           ": NUL inside the name"
-                    : "byte " + Num(layout.size + nameSize - 1) + ": name not NUL-terminated");
+                    : "byte " + Num(headerSize + nameSize - 1) + ": name not NUL-terminated");
     return DecodeResult::kCorrupt;
   }
   header->name.assign(name, nameSize - 1);
@@ -331,7 +392,7 @@ DecodeResult DecodeHeader(const char* buf, size_t avail, Header* header,
     SetWhy(why, "compressed record (magic 070106)");
     return DecodeResult::kCompressed;
   }
-  if (format != Format::kOdc && format != Format::kNewc &&
+  if ((format == Format::kExt || format == Format::kExtUnpadded) &&
       (header->flags == kFlagsEncrypted || header->flags == kFlagsEncryptedAlt)) {
     SetWhy(why, "encrypted record (flags " + Num(header->flags) + ")");
     return DecodeResult::kEncrypted;

@@ -39,8 +39,21 @@
 // Magic "070106" marks a compressed record; "070206", "070306", "071206" and
 // "071306" are further members of the family with the same layout.
 //
-// TODO: the extended-attribute/ACL header (magic "070716") that may follow a
-// record header is not described here yet; FormatFromMagic rejects it.
+// Extended-attribute / ACL records ("ea_acl", magic "070716") carry the
+// extended attributes and the access control list of the item they name; such
+// a record comes before the item's own record and never holds the item's
+// data.  Its header is 102 bytes: the magic as six octal digits and then 12
+// fields of eight hexadecimal digits (13 fields in all):
+//    1 ino   2 mode   3 uid   4 gid   5 nlink   6 mtime   as in ext
+//    7 easize     bytes of extended attributes after the name
+//    8 aclsize    bytes of access control list after the attributes
+//    9 devmajor  10 devminor                             as in ext
+//   11 namesize   bytes of the name including its NUL
+//   12 check      checksum of the attribute bytes; 0 when not computed
+// Name, attributes and ACL follow as in a padded record: header plus name
+// filled to 4, then easize + aclsize bytes filled to 4.  FormatFromMagic
+// tells item records only and rejects "070716"; FormatFromAnyMagic and the
+// decoder accept it as Format::kEaAcl.
 //
 // Everything here works on memory only and is thread-safe.
 #ifndef TVU_ARCHIVE_CPIO_FORMAT_H
@@ -57,6 +70,7 @@ enum class Format {
   kNewc,         // "070701"
   kExt,          // "070706" (and the padded kin listed above)
   kExtUnpadded,  // "070726"
+  kEaAcl,        // "070716": extended-attribute / ACL record, not an item
 };
 
 // Magic values as numbers (the six octal digits read as octal).
@@ -65,6 +79,7 @@ constexpr uint32_t kMagicNewc = 070701;
 constexpr uint32_t kMagicExt = 070706;
 constexpr uint32_t kMagicExtUnpadded = 070726;
 constexpr uint32_t kMagicExtCompressed = 070106;
+constexpr uint32_t kMagicEaAcl = 070716;
 
 // Record flags values that mark an encrypted record in the extended family.
 constexpr uint64_t kFlagsEncrypted = 64;
@@ -84,6 +99,9 @@ constexpr const char kTrailerName[] = "TRAILER!!!";
 //   newc: ino, mode, uid, gid, nlink, mtime, filesize, devmajor, devminor,
 //         rdevmajor, rdevminor, namesize, check.
 //   ext:  the newc fields, then flags and reserved.
+//   ea_acl: ino, mode, uid, gid, nlink, mtime, easize, aclsize, devmajor,
+//         devminor, namesize, check; the decoder sets filesize to
+//         easize + aclsize (the bytes after the name), the encoder ignores it.
 // Fields a format does not carry are ignored by the encoder and left 0 by the
 // decoder (except the odc device split above).
 struct Header {
@@ -94,19 +112,25 @@ struct Header {
   uint64_t devmajor = 0, devminor = 0, rdevmajor = 0, rdevminor = 0;
   uint64_t namesize = 0;  // decoder: as read; encoder: always name.size() + 1
   uint64_t check = 0, flags = 0, reserved = 0;
+  uint64_t easize = 0, aclsize = 0;  // ea_acl only
   std::string name;  // without the terminating NUL
 };
 
 // Reads six characters as an octal magic and tells its format.  Returns false
 // for anything that is not one of the magics above (including non-digits).
 bool FormatFromMagic(const char* six, Format* format);
+// The same, and also "070716" as Format::kEaAcl.
+bool FormatFromAnyMagic(const char* six, Format* format);
 
 // The magic EncodeRecordHeader writes for a format by default.
 uint32_t DefaultMagic(Format format);
-// Short name for messages: "odc", "newc", "ext", "ext-unpadded".
+// Short name for messages: "odc", "newc", "ext", "ext-unpadded", "ea_acl".
 const char* FormatName(Format format);
-// Bytes of the fixed header: 76, 110 or 126.
+// Bytes of the fixed header: 76, 110, 126 or (ea_acl) 102.
 size_t HeaderSize(Format format);
+// Fields of the fixed header, the magic included: 11 (odc), 14 (newc),
+// 16 (ext) or 13 (ea_acl).
+size_t FieldCount(Format format);
 // True for the formats that fill header+name and data to multiples of 4.
 bool IsPadded(Format format);
 
@@ -138,6 +162,18 @@ enum class DecodeResult {
   kCompressed,  // valid header of a compressed record (magic 070106)
   kEncrypted,   // valid header of an encrypted record (flags 64 or 576)
 };
+
+// Decodes the fixed part of the header at buf (magic and numeric fields, not
+// the name), of which avail bytes are readable.  *fieldsRead (may be null)
+// counts the fields, magic included, whose digits were valid before the first
+// bad one, as sscanf counts its conversions (an unknown but octal magic
+// counts as read, and header->magic holds it).  Results:
+//   kOk: every field decoded, name size within 1..kMaxNameSize;
+//   kTruncated: the fixed part reaches past avail;
+//   kCorrupt: *why names the byte offset and the fault.
+// Compressed and encrypted headers are kOk here: see DecodeHeader.
+DecodeResult DecodeFixedHeader(const char* buf, size_t avail, Header* header,
+                               size_t* fieldsRead, std::string* why);
 
 // Decodes the record header at buf, of which avail bytes are readable.
 // Every length is checked against its cap and against avail before use, so

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "platform/platform.h"
+#include "plugin/chain_setup.h"
 #include "plugin/con_args.h"
 #include "plugin/db_hooks.h"
 #include "runtime/ini.h"
@@ -47,8 +48,6 @@ struct OPERATION {
 };
 
 OPERATION s_op{0, 0, nullptr, nullptr, false, "", nullptr, 0, 0, 0, -1, LIS_ENTRY(), 0};
-CON_ARGS s_args;
-char s_szCatalogPath[CON_CATALOG_PATH_CAP + 1];
 char s_szLine[LIS_LINE_BUFFER];
 
 void EnsureFinishEvent() {
@@ -110,14 +109,7 @@ bool CollectRun() {
 }  // namespace
 
 uint32_t OperationInit(uint32_t type, uint32_t flags, char** controlVariables, const char* descriptorSaveset) {
-  char szPath[kPathBuffer];
-  memset(szPath, 0, sizeof szPath);
-  memset(&s_args, 0, sizeof s_args);
-  memset(s_szCatalogPath, 0, sizeof s_szCatalogPath);
-  s_args.pszCatalogPath = s_szCatalogPath;
-  s_args.uiCatalogPathCap = CON_CATALOG_PATH_CAP;
-  s_args.piSavesetCount = &g_iSavesetCount;
-  s_args.ppSavesets = &g_psSavesets;
+  ResetConsolidationArgs();
   ResetRun();
 
   tvu_trace("%s: Operation type: [%d] -> DB_TYPE_BCK=%d, DB_TYPE_RST=%d, DB_TYPE_DIR=%d", "DB_InitOperation",
@@ -150,64 +142,25 @@ uint32_t OperationInit(uint32_t type, uint32_t flags, char** controlVariables, c
     return 2;
   }
 
-  char szValue[4096] = "";
-  char szReason[256] = "";
-  if (korvo::i_READ_INI("TQ_INI", "[pathes]", "gv_rw_tqslis", szValue, sizeof szValue, szReason, sizeof szReason) !=
-      1) {
-    tvu_log(TQ_LOG_PROGRESS, "Korvo TQSLIS directory could not be read: [%s], section: %s, variable: [%s]  Reason: [%s]",
-            "TQ_INI", "[pathes]", "gv_rw_tqslis", szReason);
-    DB_SetError(DB_NUM_E_FAILED, "Korvo TQSLIS directory could not be read: [%s], section: %s, variable: [%s]  Reason: [%s]",
-                "TQ_INI", "[pathes]", "gv_rw_tqslis", szReason);
+  if (LoadChain(toConsolidate.c_str(), s_op.szMetaDir, sizeof s_op.szMetaDir) != DB_NUM_I_OK) {
     OperationClose();
     return DB_NUM_E_FAILED;
-  }
-
-  snprintf(s_op.szMetaDir, sizeof s_op.szMetaDir, "%s%s_mnt\\", szValue, toConsolidate.c_str());
-  tvu_set_meta_dir(s_op.szMetaDir);
-  tvu_log(TQ_LOG_PROGRESS, "VFS meta files dir: %s", s_op.szMetaDir);
-
-  if (ReadConsolidateArgs(&s_args, s_op.szMetaDir) != 0) {
-    OperationClose();
-    return DB_NUM_E_FAILED;
-  }
-
-  FILE* fpList = pf::FOpen(s_args.szSavesetList, "r");
-  if (!fpList) {
-    tvu_log_error("Cannot read from [%s]", s_args.szSavesetList);
-    OperationClose();
-    return DB_NUM_E_FAILED;
-  }
-  std::string line;
-  while (korvo::read_line(fpList, &line)) {
-    tvu_log(TQ_LOG_PROGRESS, "Read saveset line: [%s]", line.c_str());
-    ReadSavesetLine(g_iSavesetCount, line.c_str());
-  }
-  fclose(fpList);
-  tvu_log(TQ_LOG_PROGRESS, "Initilaized %d savesets to structure psVFS_IP", g_iSavesetCount);
-
-  CatalogSetSavesetType(s_args.iSavesetType);
-  char szDetectPath[1025];
-  snprintf(szDetectPath, sizeof szDetectPath, "%s", s_args.pszCatalogPath);
-  CatalogSetPath(szDetectPath);
-  if (DetectCatalogType() != 0) {
-    fprintf(stderr, "Unable to determine catalog type\n");
-    tvu_fatal("Unable to determine catalog type");
   }
   CatalogSetLineByLine(true);
 
-  tvu_log(TQ_LOG_PROGRESS, "Catalog file: %s", s_args.pszCatalogPath);
-  tvu_log(TQ_LOG_PROGRESS, "Saveset file: %s", s_args.szSavesetList);
-  s_op.fpCatalog = pf::FOpen(s_args.pszCatalogPath, "r");
-  tvu_log(TQ_LOG_PROGRESS, "Saveset type: %d", s_args.iSavesetType);
+  tvu_log(TQ_LOG_PROGRESS, "Catalog file: %s", ConsolidationArgs()->pszCatalogPath);
+  tvu_log(TQ_LOG_PROGRESS, "Saveset file: %s", ConsolidationArgs()->szSavesetList);
+  s_op.fpCatalog = pf::FOpen(ConsolidationArgs()->pszCatalogPath, "r");
+  tvu_log(TQ_LOG_PROGRESS, "Saveset type: %d", ConsolidationArgs()->iSavesetType);
   if (!s_op.fpCatalog) {
     // Without its catalog the stream cannot be built; say so now rather than
     // at the first read.
-    tvu_log_error("Cannot read from [%s]", s_args.pszCatalogPath);
+    tvu_log_error("Cannot read from [%s]", ConsolidationArgs()->pszCatalogPath);
     OperationClose();
     return DB_NUM_E_FAILED;
   }
 
-  InitVFS(&s_args);
+  InitVFS(ConsolidationArgs());
   return DB_NUM_I_OK;
 }
 

@@ -3,13 +3,17 @@
 
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "platform/platform.h"
+#include "plugin/chain_setup.h"
 #include "plugin/con_args.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
+#include "vfs/tq_vfs_cache.h"
 #include "vfs/tq_vfs_catalog.h"
 #include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
 #include "vfs/tq_vfs_vdisk.h"
 
@@ -49,6 +53,8 @@ std::string SiblingCatalogPath(const char* catalogPath, const char* extension) {
   if (path.size() > 1023) path.resize(1023);
   return path;
 }
+
+static int InitVFSTree();
 
 int InitVFS(const CON_ARGS* args) {
   WRITE_TRACE(1, "+++InitVFS");
@@ -105,12 +111,45 @@ int InitVFS(const CON_ARGS* args) {
   if (CatalogGetLineByLine()) {
     iRet = VdiskParseCatalog(args, args->pszCatalogPath);
   } else {
-    // TODO: tree mode (tree cache, mapper, directory enumeration) is entered
-    // here; this build serves the consolidation stream only.
-    WRITE_TRACE(1, "Tree mode is not available in this build");
-    iRet = 1;
+    iRet = InitVFSTree();
   }
   WRITE_TRACE(1, "---InitVFS iRet = %d", iRet);
+  return iRet;
+}
+
+// Tree mode: the tree cache, the virtual disk sources, the root's entries and,
+// when asked, the whole tree.
+static int InitVFSTree() {
+  WRITE_TRACE(1, "+++LISCacheInit");
+  WRITE_TRACE(1, "Opening savesets");
+  if (LISCacheInit() != 0) {
+    WRITE_TRACE(1, "---InitVFS LISCacheInit failed");
+    return 1;
+  }
+  WRITE_TRACE(1, "---LISCacheInit");
+
+  int iRet = gVOPTIONS.iMapper ? VdiskInitRctSources() : VdiskInitVmdkAndMapper(ConsolidationArgs());
+
+  std::vector<LIS_NODE*> root;
+  GetSavesetEntries("\\", true, false, &root);
+
+  if (gVOPTIONS.iBuildCache) {
+    WRITE_TRACE(1, "Building cache ...");
+    printf("Building cache. This might take a while... \n");
+    fflush(stdout);
+    VfsTimerStart(vtTREE);
+    unsigned long long items = BuildCompleteTree("\\");
+    VfsTimerStop(vtTREE);
+    printf("Cache built. Took %2.1f[s] Items: %llu\n", VfsTimerSeconds(vtTREE), items);
+    WRITE_TRACE(1, "Cache built %2.1f[s]. Items processed: %llu", VfsTimerSeconds(vtTREE), items);
+  }
+
+  if (korvo::trace_level() >= 3) LISCacheDump(LISCacheRoot());
+  WRITE_TRACE(1, " ctUpdateFSEntryFromCPIOSaveset duration %2.1f[s]", VfsTimerSeconds(vtCPIO));
+  WRITE_TRACE(1, " ctUpdateFSEntryFromMTFSaveset duration %2.1f[s]", VfsTimerSeconds(vtMTF));
+  WRITE_TRACE(1, " ctUpdateFSEntryFromDUMPaveset duration %2.1f[s]", VfsTimerSeconds(vtDUMP));
+  WRITE_TRACE(1, " cttq_vfs_vfile_add_slice duration %2.1f[s]", VfsTimerSeconds(vtSLICE));
+  WRITE_TRACE(1, " ctBuildCompleteTreee duration %2.1f[s]", VfsTimerSeconds(vtTREE));
   return iRet;
 }
 
@@ -125,7 +164,8 @@ void TerminateVFS() {
   pf::MutexClose(s_hDedupLibMutex);
   s_hDedupLibMutex = nullptr;
   WRITE_TRACE(1, "+++DestroyLISCache");
-  unsigned long long removed = 0;  // no tree is built in line-by-line mode
+  unsigned long long removed = LISCacheTerminate();
+  VfsEnumReset();
   WRITE_TRACE(1, "---DestroyLISCache entriesRemoved=%llu", removed);
   WRITE_TRACE(1, "---TerminateVFS");
 }

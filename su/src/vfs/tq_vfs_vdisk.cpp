@@ -16,3 +16,18 @@ int VdiskParseCatalog(const CON_ARGS* /*args*/, const char* catalogPath) {
   WRITE_TRACE(1, "Virtual disk catalog pass over [%s]: no virtual disk sources in this build", catalogPath);
   return 0;
 }
+
+// TODO: VMDK disks appear under "/R/VMDK" and mapper rules place files under
+// "/R/MAPPER" once the virtual files exist; until then the tree holds the
+// catalog's items only.
+int VdiskInitVmdkAndMapper(const CON_ARGS* /*args*/) {
+  if (gVOPTIONS.iNo_vmdk_search) WRITE_TRACE(1, "VMDK search disabled");
+  WRITE_TRACE(1, "No VMDK file system or mapper rules in this build");
+  return 0;
+}
+
+// TODO: RCT records and sector-bitmap merges of Hyper-V disks.
+int VdiskInitRctSources() {
+  WRITE_TRACE(1, "No RCT sources in this build");
+  return 0;
+}

@@ -9,4 +9,10 @@ struct CON_ARGS;
 // success.  Skipped when gVOPTIONS.iNo_vmdk_search is set.
 int VdiskParseCatalog(const CON_ARGS* args, const char* catalogPath);
 
+// Tree mode: the VMDK file system and then the mapper rules (mapper flag
+// clear); returns the mapper's result.
+int VdiskInitVmdkAndMapper(const CON_ARGS* args);
+// Tree mode with the mapper flag set: the Hyper-V RCT sources.
+int VdiskInitRctSources();
+
 #endif

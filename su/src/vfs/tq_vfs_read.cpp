@@ -1,0 +1,181 @@
+// tq_vfs_read.cpp - the read paths of tree nodes, one per source kind.
+#include "vfs/tq_vfs_read.h"
+
+#include <cstdio>
+#include <string>
+
+#include "platform/platform.h"
+#include "runtime/text.h"
+#include "runtime/trace.h"
+#include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_enum.h"
+#include "vfs/tq_vfs_saveset.h"
+
+namespace {
+
+const char* SavesetName(int32_t idx) {
+  return idx >= 0 && idx < g_iSavesetCount && g_psSavesets[idx].szName ? g_psSavesets[idx].szName : "";
+}
+
+// The item's path as its catalog line (and its stream record) writes it:
+// the components below the root joined with "/".
+std::string NodeNarrowPath(const LIS_NODE* node) {
+  std::string path;
+  for (const LIS_NODE* n = node; n && n->pParent; n = n->pParent) {
+    std::string part = korvo::wcstombs_utf8(n->wsName.c_str());
+    path = path.empty() ? part : part + "/" + path;
+  }
+  return path;
+}
+
+// In-memory files (kind 3) live in a table that nothing in this build fills
+// yet; every handle is out of range.
+uint64_t ReadFromPureVirtual(LIS_NODE* node, uint64_t fileOffset, uint64_t size) {
+  WRITE_TRACE(2, "+++ReadFromPureVirtual file to read [%ls] file offset [%ld] buffer size [%lu]", node->wsName.c_str(),
+              static_cast<long>(fileOffset), static_cast<unsigned long>(size));
+  // TODO: the in-memory file table and its read come with the virtual files.
+  return static_cast<uint64_t>(-1);
+}
+
+// VMDK (kind 1) and MERGE (kind 5) sliced files are read through the virtual
+// file tables, which come with the virtual files.
+uint64_t ReadFromVMDK(LIS_NODE* node, uint64_t fileOffset, uint64_t size) {
+  WRITE_TRACE(1, "ReadFromVMDK file to read [%ls] file offset [%ld] buffer size [%lu] VFILE handle [%d] !! bytes to "
+                 "read: %llu bytes read: %llu",
+              node->wsName.c_str(), static_cast<long>(fileOffset), static_cast<unsigned long>(size), node->iHandle,
+              static_cast<unsigned long long>(size), 0ull);
+  WRITE_TRACE(2, "---ReadFromVMDK: return [%u]", 0u);
+  return 0;
+}
+
+uint64_t ReadFromMERGE(LIS_NODE* node, uint64_t fileOffset, uint64_t size) {
+  WRITE_TRACE(2, "+++ReadFromMERGE file to read [%ls] file offset [%ld] buffer size [%lu] VFILE handle [%d]",
+              node->wsName.c_str(), static_cast<long>(fileOffset), static_cast<unsigned long>(size), node->iHandle);
+  WRITE_TRACE(2, "---ReadFromMERGE: return [%u]", 0u);
+  return 0;
+}
+
+// A mapper node reads another tree node, or a local file opened for this one read.
+uint64_t ReadFromMAPPER_FS(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
+  const MAPPER_PAYLOAD* m = node->pMapper;
+  WRITE_TRACE(2, "+++ReadFromMAPPER_FS file to read [%ls] file offset [%ld] buffer size [%lu] pTreeNode [%p]",
+              node->wsName.c_str(), static_cast<long>(fileOffset), static_cast<unsigned long>(size),
+              static_cast<const void*>(m ? m->pNode : nullptr));
+  if (!m) return 0;
+  if (m->pNode) return ReadFromVFS(context, m->pNode, fileOffset, buffer, size);
+  pf::File* f = nullptr;
+  if (pf::FileOpenRead(m->sLocalPath.c_str(), &f) != 0) {
+    WRITE_TRACE(2, "+++ReadFromMAPPER_FS file to read [%ls] cannot open file %s", node->wsName.c_str(),
+                m->sLocalPath.c_str());
+    return 0;
+  }
+  uint64_t got = 0;
+  if (pf::FileSeek(f, static_cast<int64_t>(fileOffset), 0, nullptr) == 0) pf::FileRead(f, buffer, size, &got);
+  pf::FileClose(f);
+  WRITE_TRACE(2, "---ReadFromMAPPER_FS: return [%u]", static_cast<unsigned>(got));
+  return got;
+}
+
+}  // namespace
+
+uint64_t ReadFromSaveset(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size,
+                         bool located) {
+  SAVESET_LOCATION& loc = node->sLoc;
+  WRITE_TRACE(2,
+              "+++ReadFromSaveset [%s] file to read [%ls] file offset [%llu] buffer size [%llu] saveset offset [%llu] "
+              "relative offset [%lld]",
+              SavesetName(loc.ssetIdx), node->wsName.c_str(), static_cast<unsigned long long>(fileOffset),
+              static_cast<unsigned long long>(size), static_cast<unsigned long long>(loc.ssetOff),
+              static_cast<long long>(loc.relOff));
+  (void)context;
+
+  if (loc.relOff == 0 && !located) {
+    // Locating fills the node's relative offset and size; the tree's lock
+    // keeps two readers from doing it at once.
+    LISCacheLock();
+    int rc = loc.relOff == 0 ? VfsUpdateEntryFromSaveset(node, NodeNarrowPath(node).c_str()) : 0;
+    LISCacheUnlock();
+    if (rc != 0) {
+      WRITE_TRACE(1, "---ReadFromSaveset: cannot locate stream location in saveset");
+      return 0;
+    }
+  }
+
+  const uint64_t position = loc.ssetOff + fileOffset + static_cast<uint64_t>(loc.relOff);
+  if (fileOffset >= node->ullSize) {
+    WRITE_TRACE(1, "---ReadFromSaveset: seek above stream size [seek to %llu; stream size = %llu]",
+                static_cast<unsigned long long>(fileOffset), static_cast<unsigned long long>(node->ullSize));
+    return 0;
+  }
+  uint64_t count = size;
+  if (fileOffset + size > node->ullSize) {
+    count = node->ullSize - fileOffset;
+    WRITE_TRACE(1, "Near EOF requested bytes=%d remaining=%d", static_cast<int>(size), static_cast<int>(count));
+  }
+
+  saveset_operation_mutex_lock(loc.ssetIdx);
+  int rc = saveset_seek(loc.ssetIdx, static_cast<int64_t>(position));
+  if (rc != 0) {
+    WRITE_TRACE(1, "---ReadFromSaveset: saveset_seek error %d", rc);
+    saveset_operation_mutex_unlock(loc.ssetIdx);
+    return 0;
+  }
+  uint64_t got = 0;
+  uint8_t eof = 0;
+  rc = saveset_read(loc.ssetIdx, buffer, count, &got, &eof);
+  if (rc != 0) {
+    WRITE_TRACE(1, "---ReadFromSaveset: saveset_ failed with error = %d", rc);
+    saveset_operation_mutex_unlock(loc.ssetIdx);
+    return 0;
+  }
+  saveset_operation_mutex_unlock(loc.ssetIdx);
+  WRITE_TRACE(3,
+              "ReadFromSaveset seek to: %llu uliEntryRelativeOffset = %llu ullEntrySize = %llu ui64FileOffset = %lld "
+              "bytesToRead = %llu iBytesRead = %llu",
+              static_cast<unsigned long long>(position), static_cast<unsigned long long>(loc.relOff),
+              static_cast<unsigned long long>(node->ullSize), static_cast<long long>(fileOffset),
+              static_cast<unsigned long long>(count), static_cast<unsigned long long>(got));
+  WRITE_TRACE(2, "---ReadFromSaveset: return [%u]", static_cast<unsigned>(got));
+  return got;
+}
+
+uint64_t ReadFromDUMPSaveset(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
+  (void)context;
+  (void)buffer;
+  WRITE_TRACE(2,
+              "+++ReadFromDUMPSaveset [%s] file to read [%ls] file offset [%llu] buffer size [%llu] saveset offset "
+              "[%llu] relative offset [%lu]",
+              SavesetName(node->sLoc.ssetIdx), node->wsName.c_str(), static_cast<unsigned long long>(fileOffset),
+              static_cast<unsigned long long>(size), static_cast<unsigned long long>(node->sLoc.ssetOff),
+              static_cast<unsigned long>(node->sLoc.relOff));
+  if (fileOffset >= node->ullSize) {
+    WRITE_TRACE(1, "---ReadFromDUMPSaveset: seek above stream size [seek to %llu; stream size = %llu]",
+                static_cast<unsigned long long>(fileOffset), static_cast<unsigned long long>(node->ullSize));
+    return 0;
+  }
+  // TODO: UFS dump items are read through the dump block map, which comes
+  // with the dump stream reader.
+  WRITE_TRACE(1, "---ReadFromDUMPSaveset: cannot locate stream location in saveset");
+  return 0;
+}
+
+uint64_t ReadFromVFS(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
+  switch (node->llSource) {
+    case nsPURE_VIRTUAL:
+      return ReadFromPureVirtual(node, fileOffset, size);
+    case nsVMDK:
+      return ReadFromVMDK(node, fileOffset, size);
+    case nsMERGE:
+      return ReadFromMERGE(node, fileOffset, size);
+    case nsMAPPER:
+      return ReadFromMAPPER_FS(context, node, fileOffset, buffer, size);
+    case nsSAVESET_MAPPED:
+      return ReadFromSaveset(context, node, fileOffset, buffer, size, true);
+    case nsSAVESET:
+      break;
+  }
+  // Catalog items, and any kind this build does not know, are saveset items.
+  if (CatalogGetSavesetType() == sdtDUMP) return ReadFromDUMPSaveset(context, node, fileOffset, buffer, size);
+  return ReadFromSaveset(context, node, fileOffset, buffer, size, false);
+}
