@@ -1,5 +1,5 @@
 // Tests of directory enumeration (GetSavesetEntries) and the complete build
-// (BuildCompleteTree) over small LSLv2 consolidated catalogs.  The items are
+// (BuildCompleteTree) over a small LSLv2 consolidated catalog.  Its files are
 // located already (relative offset 1 or more), so no saveset is read.
 #include "vfs/tq_vfs_enum.h"
 
@@ -23,24 +23,22 @@ const char* const kSavesets[] = {"SF20261101020000", "SI20261102020000"};
 // One item line: offset, relative offset, span, data size, then the saveset.
 std::string Line(const std::string& path, char type, uint64_t off, int64_t rel, uint64_t size, int sset) {
   return "\"" + path + "\" " + type + " 2026-11-01 01:59:00 2026-11-01 01:58:30 " + std::to_string(off) + " " +
-         std::to_string(type == 'f' ? rel : -1) + " " + std::to_string(size + 120) + " " + std::to_string(size) +
-         " 7 0 " + kSavesets[sset] + " 0\n";
+         std::to_string(rel) + " " + std::to_string(size + 120) + " " + std::to_string(size) + " 7 0 " +
+         kSavesets[sset] + " 0\n";
 }
 
-// The chain of the tests, in catalog order.  "demo/B.txt" comes twice (from
-// both savesets, in two cases); "u/v.txt" has no line for its directory.
-std::string Catalog() {
-  return "Tape ID: T Tape Label: T Format: CPIO LIS: 2.0\n" + Line("demo", 'd', 0, -1, 0, 0) +
-         Line("demo/a.txt", 'f', 1000, 120, 500, 0) + Line("demo/sub", 'd', 2000, -1, 0, 0) +
-         Line("demo/sub/deep.txt", 'f', 3000, 120, 30, 1) + Line("demo/B.txt", 'f', 4000, 120, 40, 0) +
-         "\"demo/odd\" R 2026-11-01 01:59:00 2026-11-01 01:58:30 5 -1 0 0 7 0 SF20261101020000 0\n" +
-         Line("demo/b.TXT", 'f', 5000, 130, 41, 1) + Line("demo/empty", 'd', 6000, -1, 0, 0) +
-         Line("C:", 'd', 7000, -1, 0, 0) + Line("C:/x", 'd', 8000, -1, 0, 1) + Line("C:/x/y.txt", 'f', 9000, 120, 9, 1) +
-         Line("u/v.txt", 'f', 10000, 120, 10, 0) + Line("top.txt", 'f', 11000, 120, 11, 1) +
-         "Total: 1 Last File Offset: 2 Last Dir Offset: 3 Number of directories: 4 Number of files: 5\n";
-}
-constexpr uint64_t kItemLines = 12;  // f and d lines of Catalog()
-constexpr size_t kFiles = 6;         // distinct files
+// "demo/B.txt" comes twice (from both savesets, in two cases); "u/v.txt" has
+// no line for its directory; "demo/odd" is neither file nor directory.
+const std::string kCatalog =
+    "Tape ID: T Tape Label: T Format: CPIO LIS: 2.0\n" + Line("demo", 'd', 0, -1, 0, 0) +
+    Line("demo/a.txt", 'f', 1000, 120, 500, 0) + Line("demo/sub", 'd', 2000, -1, 0, 0) +
+    Line("demo/sub/deep.txt", 'f', 3000, 120, 30, 1) + Line("demo/B.txt", 'f', 4000, 120, 40, 0) +
+    Line("demo/odd", 'R', 4500, -1, 0, 0) + Line("demo/b.TXT", 'f', 5000, 130, 41, 1) +
+    Line("demo/empty", 'd', 6000, -1, 0, 0) + Line("C:", 'd', 7000, -1, 0, 0) + Line("C:/x", 'd', 8000, -1, 0, 1) +
+    Line("C:/x/y.txt", 'f', 9000, 120, 9, 1) + Line("u/v.txt", 'f', 10000, 120, 10, 0) +
+    Line("top.txt", 'f', 11000, 120, 11, 1) + "Total: 1 Last File Offset: 2 Last Dir Offset: 3\n";
+constexpr uint64_t kItemLines = 12;  // its f and d lines
+constexpr size_t kFiles = 6;         // its distinct files
 
 using Names = std::vector<std::wstring>;
 Names NamesOf(const std::vector<LIS_NODE*>& nodes) {
@@ -60,44 +58,42 @@ class EnumTest : public ::testing::Test {
       s.iDedupHandle = -1;
       saveset_append(s);
     }
-    catalog = tmp / "consolidated.lsl";
-    tvutest::WriteFile(catalog, Catalog());
+    tvutest::WriteFile(catalog, kCatalog);
     CatalogSetPath(catalog.c_str());
     ASSERT_EQ(0, DetectCatalogType());
-    ASSERT_EQ(ctLSLv2, g_iCatalogType);
     CatalogSetSavesetType(sdtCPIO);
     CatalogSetLineByLine(false);
     ASSERT_EQ(0, LISCacheInit());
     root = LISCacheRoot();
   }
-  void TearDown() override {
-    korvo::trace_configure(0, nullptr);
-    Reset();
-  }
+  void TearDown() override { Reset(); }
   static void Reset() {
+    korvo::trace_configure(0, nullptr);
     LISCacheTerminate();
     VfsEnumReset();
     CatalogResetForTest();
     saveset_table_free();
   }
-  std::vector<LIS_NODE*> List(const char* path, int32_t expected = geOK) {
+  std::vector<LIS_NODE*> List(const char* path) {
     std::vector<LIS_NODE*> out;
-    EXPECT_EQ(expected, GetSavesetEntries(path, true, false, &out)) << path;
+    EXPECT_EQ(geOK, GetSavesetEntries(path, true, false, &out)) << path;
     return out;
   }
-  std::string TraceTo(const std::string& name) {
-    std::string path = tmp / name;
+  // Runs f with level-3 traces going to a fresh file; returns the trace.
+  template <typename F>
+  std::string Traced(F f) {
+    const std::string path = tmp / ("t" + std::to_string(++traces_) + ".trc");
     korvo::trace_configure(3, path.c_str());
-    return path;
-  }
-  static std::string Read(const std::string& path) {
+    f();
+    korvo::trace_configure(0, nullptr);
     return tvutest::FileExists(path) ? tvutest::ReadFile(path) : std::string();
   }
   LIS_NODE* Node(const wchar_t* path) { return LISCacheFind(root, path, true); }
 
   tvutest::TempDir tmp;
-  std::string catalog;
+  const std::string catalog = tmp / "consolidated.lsl";
   LIS_NODE* root = nullptr;
+  int traces_ = 0;
 };
 
 TEST_F(EnumTest, DirectoriesAreFilledOnDemandFromTheCatalog) {
@@ -105,55 +101,38 @@ TEST_F(EnumTest, DirectoriesAreFilledOnDemandFromTheCatalog) {
   EXPECT_TRUE(root->bChildrenPopulated);
   EXPECT_FALSE(Node(L"/R/demo")->bChildrenPopulated);
 
-  // Catalog order; the "R" line is no file or directory; of the two B.txt
-  // lines the later wins and the first name stays.
+  // Catalog order; of the two B.txt lines the later wins, the first name stays.
   const std::vector<LIS_NODE*> d = List("\\demo");
   ASSERT_EQ((Names{L"a.txt", L"sub", L"B.txt", L"empty"}), NamesOf(d));
   EXPECT_EQ(500u, d[0]->ullSize);  // the data size, not the record's span
-  EXPECT_EQ(1000u, d[0]->sLoc.ssetOff);
   EXPECT_EQ(120, d[0]->sLoc.relOff);
   EXPECT_TRUE(d[0]->bFullBackup);
   EXPECT_EQ(1, d[2]->sLoc.ssetIdx);
   EXPECT_EQ(5000u, d[2]->sLoc.ssetOff);
-  EXPECT_FALSE(d[1]->bChildrenPopulated);
 
-  // Another case finds the same directory, and the catalog search finds its
-  // lines (searching as spelt, it found none and marked the directory as
-  // populated and empty for good).  An empty directory becomes populated.
+  // Another case finds the same directory and its catalog lines (searched as
+  // spelt, they were not found and the directory stayed empty for good).
   EXPECT_EQ((Names{L"deep.txt"}), NamesOf(List("\\DEMO\\Sub")));
   EXPECT_TRUE(List("\\demo\\empty").empty());
   EXPECT_TRUE(Node(L"/R/demo/empty")->bChildrenPopulated);
 
-  // A second listing comes from the tree, with the same nodes.
-  const std::string trc = TraceTo("second.trc");
-  EXPECT_EQ(d, List("\\demo"));
-  EXPECT_NE(std::string::npos, Read(trc).find("Found [demo] children populated [1]"));
-  EXPECT_EQ(std::string::npos, Read(trc).find("Cache miss"));
-}
-
-TEST_F(EnumTest, DrivesUnixPathsAndUnknownPaths) {
-  List("\\");
-  EXPECT_EQ((Names{L"x"}), NamesOf(List("\\C")));
-  const std::vector<LIS_NODE*> x = List("\\C\\x");
-  EXPECT_EQ((Names{L"y.txt"}), NamesOf(x));
-  EXPECT_EQ(x, List("\\C:\\x"));
-  EXPECT_EQ(Node(L"/R/C/x/y.txt"), x[0]);
-
-  // A one-letter top directory that is no drive.
+  // Drives, a one-letter directory that is no drive, an unknown path (which
+  // leaves nothing in the tree).
+  EXPECT_EQ((Names{L"y.txt"}), NamesOf(List("\\C\\x")));
+  EXPECT_EQ(List("\\C\\x"), List("\\C:\\x"));
   EXPECT_EQ((Names{L"v.txt"}), NamesOf(List("\\u")));
-
-  // A path the catalog does not know leaves no trace in the tree.
   EXPECT_TRUE(List("\\nope\\deeper").empty());
   EXPECT_EQ(nullptr, Node(L"/R/nope"));
-  EXPECT_EQ(4u, root->vChildren.size());  // demo, C, top.txt and u
+
+  // A second listing comes from the tree, with the same nodes.
+  std::vector<LIS_NODE*> again;
+  const std::string trc = Traced([&] { again = List("\\demo"); });
+  EXPECT_EQ(d, again);
+  EXPECT_NE(std::string::npos, trc.find("Found [demo] children populated [1]"));
+  EXPECT_EQ(std::string::npos, trc.find("Cache miss"));
 }
 
-TEST_F(EnumTest, InvalidDataTypeAndTerminationStopEnumeration) {
-  CatalogSetSavesetType(9);
-  List("\\", geERROR);
-  EXPECT_FALSE(root->bChildrenPopulated);
-  CatalogSetSavesetType(sdtCPIO);
-
+TEST_F(EnumTest, EnumerationStopsOnceTerminationBegan) {
   // TerminateVFS cannot be undone within the process: checked in a child.
   EXPECT_EXIT(
       {
@@ -164,21 +143,19 @@ TEST_F(EnumTest, InvalidDataTypeAndTerminationStopEnumeration) {
       ::testing::ExitedWithCode(0), "");
 }
 
-TEST_F(EnumTest, UnlocatedFilesAreCompletedFromTheirStreamOrReported) {
-  // A saveset type whose stream reader is not in this build: the entry is
-  // reported and keeps what the catalog said.
-  tvutest::WriteFile(catalog, "Tape ID: T Tape Label: T Format: MTF LIS: 2.0\n" + Line("m", 'd', 0, -1, 0, 0) +
-                                  Line("m/p.txt", 'f', 100, 0, 77, 0) + Line("m/q.txt", 'f', 200, 5, 8, 0));
+TEST_F(EnumTest, UnlocatedFileIsReportedWhenItsStreamCannotBeRead) {
+  // The MTF reader is not in this build: the entry keeps what the catalog said.
+  tvutest::WriteFile(catalog, Line("m", 'd', 0, -1, 0, 0) + Line("m/p.txt", 'f', 100, 0, 77, 0) +
+                                  Line("m/q.txt", 'f', 200, 5, 8, 0));
   CatalogSetSavesetType(sdtMTF);
-  const std::string trc = TraceTo("update.trc");
-  const std::vector<LIS_NODE*> m = List("\\m");
+  std::vector<LIS_NODE*> m;
+  const std::string trc = Traced([&] { m = List("\\m"); });
   ASSERT_EQ(2u, m.size());
   EXPECT_EQ(0, m[0]->sLoc.relOff);
   EXPECT_EQ(77u, m[0]->ullSize);
-  const std::string text = Read(trc);
   for (const char* line : {"Update entries from saveset (number of elements = 1)", "Progress = 100% (1/1)",
                            "Unable to locate m/p.txt in saveset", "Update entries from saveset - done"})
-    EXPECT_NE(std::string::npos, text.find(line)) << line;
+    EXPECT_NE(std::string::npos, trc.find(line)) << line;
 }
 
 TEST_F(EnumTest, CompleteBuildNumbersFilesAndKeepsNodesListedBefore) {
@@ -193,30 +170,25 @@ TEST_F(EnumTest, CompleteBuildNumbersFilesAndKeepsNodesListedBefore) {
   EXPECT_EQ(before[2], table[2]);  // one node for both B.txt lines, the later's data
   EXPECT_EQ(5000u, table[2]->sLoc.ssetOff);
   EXPECT_EQ(table[3], Node(L"/R/C/x/y.txt"));
-
   for (const wchar_t* dir : {L"/R/demo/sub", L"/R/demo/empty", L"/R/C/x", L"/R/u"}) {
-    LIS_NODE* n = Node(dir);
-    ASSERT_NE(nullptr, n) << dir;
-    EXPECT_EQ('d', n->cType) << dir;
-    EXPECT_TRUE(n->bChildrenPopulated) << dir;
+    ASSERT_NE(nullptr, Node(dir)) << dir;
+    EXPECT_EQ('d', Node(dir)->cType) << dir;
   }
-  // Nothing is read from the catalog again.
-  const std::string trc = TraceTo("after.trc");
-  for (const char* dir : {"\\", "\\demo\\sub", "\\C\\x", "\\u"}) List(dir);
-  EXPECT_EQ(std::string::npos, Read(trc).find("Cache miss"));
+  // Every directory is complete: nothing is read from the catalog again.
+  const std::string trc = Traced([&] {
+    for (const char* dir : {"\\", "\\demo\\sub", "\\demo\\empty", "\\C\\x", "\\u"}) List(dir);
+  });
+  EXPECT_EQ(std::string::npos, trc.find("Cache miss"));
 }
 
 TEST_F(EnumTest, BuildBelowADirectoryLeavesTheRestAlone) {
   EXPECT_EQ(7u, BuildCompleteTree("\\demo"));  // demo and the six f and d lines below it
   EXPECT_FALSE(root->bChildrenPopulated);
   EXPECT_TRUE(Node(L"/R/demo")->bChildrenPopulated);
-  EXPECT_EQ(nullptr, Node(L"/R/C"));
   EXPECT_EQ(3u, VfsFileTable().size());
-  // A directory the catalog does not hold builds nothing.
-  EXPECT_EQ(0u, BuildCompleteTree("\\nope\\deeper"));
+  EXPECT_EQ(0u, BuildCompleteTree("\\nope"));
   EXPECT_EQ(nullptr, Node(L"/R/nope"));
-  // The root is still filled on demand, around the built directory.
-  EXPECT_EQ((Names{L"demo", L"C", L"top.txt"}), NamesOf(List("\\")));
+  EXPECT_EQ((Names{L"demo", L"C", L"top.txt"}), NamesOf(List("\\")));  // filled around it
 }
 
 }  // namespace
