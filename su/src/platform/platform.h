@@ -52,6 +52,10 @@ int FileWrite(File* f, const void* buf, uint64_t n);
 int FileSeek(File* f, int64_t offset, int whence, uint64_t* newPos);
 // Closes the file; null is allowed.
 void FileClose(File* f);
+// The OS's own handle of an open file (a descriptor here), for facilities
+// that move data between handles without copying it (the FUSE mount's
+// splice).  Reading through it must be positional: it shares no position.
+intptr_t FileNativeHandle(File* f);
 // Opens a stdio stream with the path converted to OS form.
 FILE* FOpen(const char* path, const char* mode);
 // Size of a file by path; non-zero when it cannot be learnt.

@@ -128,6 +128,8 @@ void FileClose(File* f) {
   delete f;
 }
 
+intptr_t FileNativeHandle(File* f) { return f ? f->fd : -1; }
+
 FILE* FOpen(const char* path, const char* mode) {
   std::string os = OsPath(path);
   FILE* fp = std::fopen(os.c_str(), mode);

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "platform/platform.h"
 #include "plugin/chain_setup.h"
 #include "plugin/db_hooks.h"
 #include "runtime/text.h"
@@ -194,6 +195,14 @@ int64_t Read(LIS_NODE* node, uint64_t offset, char* buffer, uint64_t n) {
   uint64_t got = ReadFromVFS(g_saveset.c_str(), node, offset, buffer, n);
   if (got == static_cast<uint64_t>(-1) || got > n) return -EIO;
   return static_cast<int64_t>(got);
+}
+
+int MapToFile(LIS_NODE* node, uint64_t offset, uint64_t n, intptr_t* handle, uint64_t* position, uint64_t* count) {
+  if (!g_open || IsDirectory(node)) return 1;
+  pf::File* file = nullptr;
+  if (MapFromSaveset(node, offset, n, &file, position, count) != 0) return 1;
+  *handle = pf::FileNativeHandle(file);
+  return *handle < 0 ? 1 : 0;
 }
 
 uint64_t BuildAll() { return g_open ? BuildCompleteTree("\\") : 0; }

@@ -64,6 +64,11 @@ int List(const std::string& path, std::vector<NodeInfo>* entries);
 // Reads up to n bytes of a file at offset; returns the count (0 at the end)
 // or -errno.
 int64_t Read(LIS_NODE* node, uint64_t offset, char* buffer, uint64_t n);
+// When the bytes of a read lie as one range of a saveset file: the file's OS
+// handle, the position and the count (after the end rules).  0 then; non-zero
+// when they do not, and Read is the way.  The handle stays open while the
+// tree is open; read it positionally only.
+int MapToFile(LIS_NODE* node, uint64_t offset, uint64_t n, intptr_t* handle, uint64_t* position, uint64_t* count);
 // Enumerates the whole tree; returns the number of catalog lines processed.
 uint64_t BuildAll();
 

@@ -77,7 +77,33 @@ uint64_t ReadFromMAPPER_FS(const char* context, LIS_NODE* node, uint64_t fileOff
   return got;
 }
 
+// An item whose relative offset is 0 is found in its stream before its first
+// read; that fills the node's relative offset and size, and the tree's lock
+// keeps two readers from doing it at once.  false when it cannot be found.
+bool LocateOnce(LIS_NODE* node) {
+  if (node->sLoc.relOff != 0) return true;
+  LISCacheLock();
+  int rc = node->sLoc.relOff == 0 ? VfsUpdateEntryFromSaveset(node, NodeNarrowPath(node).c_str()) : 0;
+  LISCacheUnlock();
+  return rc == 0;
+}
+
 }  // namespace
+
+int MapFromSaveset(LIS_NODE* node, uint64_t fileOffset, uint64_t size, pf::File** file, uint64_t* position,
+                   uint64_t* count) {
+  if (node->llSource != nsSAVESET && node->llSource != nsSAVESET_MAPPED) return 1;
+  if (CatalogGetSavesetType() == sdtDUMP) return 1;
+  const int32_t idx = node->sLoc.ssetIdx;
+  if (idx < 0 || idx >= g_iSavesetCount || g_psSavesets[idx].uiMediaType != smFILE || !g_psSavesets[idx].hFile)
+    return 1;
+  if (node->llSource == nsSAVESET && !LocateOnce(node)) return 1;
+  if (fileOffset >= node->ullSize || size == 0) return 1;
+  *file = g_psSavesets[idx].hFile;
+  *position = node->sLoc.ssetOff + fileOffset + static_cast<uint64_t>(node->sLoc.relOff);
+  *count = fileOffset + size > node->ullSize ? node->ullSize - fileOffset : size;
+  return 0;
+}
 
 uint64_t ReadFromSaveset(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size,
                          bool located) {
@@ -90,16 +116,9 @@ uint64_t ReadFromSaveset(const char* context, LIS_NODE* node, uint64_t fileOffse
               static_cast<long long>(loc.relOff));
   (void)context;
 
-  if (loc.relOff == 0 && !located) {
-    // Locating fills the node's relative offset and size; the tree's lock
-    // keeps two readers from doing it at once.
-    LISCacheLock();
-    int rc = loc.relOff == 0 ? VfsUpdateEntryFromSaveset(node, NodeNarrowPath(node).c_str()) : 0;
-    LISCacheUnlock();
-    if (rc != 0) {
-      WRITE_TRACE(1, "---ReadFromSaveset: cannot locate stream location in saveset");
-      return 0;
-    }
+  if (!located && !LocateOnce(node)) {
+    WRITE_TRACE(1, "---ReadFromSaveset: cannot locate stream location in saveset");
+    return 0;
   }
 
   const uint64_t position = loc.ssetOff + fileOffset + static_cast<uint64_t>(loc.relOff);

@@ -12,11 +12,24 @@
 
 #include "vfs/tq_vfs_cache.h"
 
+namespace pf {
+struct File;
+}
+
 // The one entry: dispatches on node->llSource.  context is the narrow name
 // handed to the saveset traces.
 uint64_t ReadFromVFS(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size);
 uint64_t ReadFromSaveset(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size,
                          bool located);
 uint64_t ReadFromDUMPSaveset(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size);
+
+// Where a read of a saveset item (kinds 0 and 4) would take its bytes, when
+// they are one contiguous range of a saveset file: the file, the position in
+// it and the count after the end rules.  Locates the item first as a read
+// would.  0 on success; non-zero when the bytes do not lie in a file that way
+// (another kind, another medium, a dump chain, or nothing to read), and the
+// caller reads through ReadFromVFS instead.
+int MapFromSaveset(LIS_NODE* node, uint64_t fileOffset, uint64_t size, pf::File** file, uint64_t* position,
+                   uint64_t* count);
 
 #endif
