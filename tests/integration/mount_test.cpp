@@ -80,10 +80,11 @@ bool Mounted(const std::string& mountpoint) {
 // mounted or running is unmounted and ended when the object goes away.
 class ChainMount {
  public:
-  explicit ChainMount(int files, const std::string& totalBytes) : mnt_(tmp_ / "mnt") {
+  explicit ChainMount(int files, const std::string& totalBytes, const std::string& format = "newc")
+      : mnt_(tmp_ / "mnt") {
     chain_ = tmp_ / "chain";
     ProcessResult r = RunProcess({BuiltProgram("mkchain"), "--out", chain_, "--files", std::to_string(files),
-                                  "--total-bytes", totalBytes, "--seed", "11"});
+                                  "--total-bytes", totalBytes, "--seed", "11", "--format", format});
     EXPECT_EQ(0, r.exitCode) << r.err;
     std::ifstream f(chain_ + "/chain.txt");
     std::string line;
@@ -240,6 +241,19 @@ TEST(Mount, ServesTheFinalStateReadOnlyAndUnmounts) {
   EXPECT_TRUE(m.WaitEnded()) << "the server did not end after the unmount";
   EXPECT_FALSE(fs::exists(m.mnt() + "/demo"));
 }
+
+// The other header formats: every file of the mount equals the final state
+// (diff -r compares every file's bytes).
+class MountFormat : public ::testing::TestWithParam<std::string> {};
+
+TEST_P(MountFormat, EveryFileMatchesTheFinalState) {
+  SKIP_WITHOUT_FUSE();
+  ChainMount m(150, "2500000", GetParam());
+  ASSERT_TRUE(m.StartAndWait()) << "the mount did not show demo/";
+  EXPECT_EQ(0, tvutest::Shell("diff -r '" + m.finalDir() + "' '" + m.mnt() + "'"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, MountFormat, ::testing::Values("odc", "ext"));
 
 TEST(Mount, SignalEndsTheServerAndUnmounts) {
   SKIP_WITHOUT_FUSE();
