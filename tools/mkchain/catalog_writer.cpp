@@ -34,7 +34,7 @@ std::string CatalogTime(time_t t) {
 std::string CatalogLine(CatalogKind kind, bool consolidated, const std::string& path,
                         const Node& node, const std::string& savesetName) {
   const Placement& p = node.newest;
-  std::string line = "\"" + path + "\" " + (node.dir ? "d " : "f ");
+  std::string line = "\"" + path + "\" " + (node.dir ? "d " : node.raw ? "R " : "f ");
   line += node.ctimeUnknown ? "0000-00-00 00:00:00" : CatalogTime(node.ctime);
   line += " " + CatalogTime(node.mtime);
 
@@ -83,6 +83,7 @@ void CatalogWriter::Add(const std::string& path, const Node& node,
                         const std::string& savesetName, uint64_t streamPos) {
   std::string line = CatalogLine(kind_, consolidated_, path, node, savesetName) + "\n";
   out_.Write(line.data(), line.size());
+  if (node.raw) return;  // no record in the stream: the footer counts records
   if (node.dir) {
     ++dirs_;
     lastDir_ = streamPos;

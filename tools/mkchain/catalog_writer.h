@@ -5,9 +5,9 @@
 //
 //   "PATH" T CTIME MTIME NUMBERS [SAVESETNAME ]
 //
-// T is "d" for a folder and "f" for a file; CTIME and MTIME are local times
-// "%Y-%m-%d %H:%M:%S" (CTIME is "0000-00-00 00:00:00" for items whose change
-// time is unknown).  LSL catalogs end the line with the saveset name and a
+// T is "d" for a folder, "f" for a file and "R" for a virtual machine's full
+// disk; CTIME and MTIME are local times "%Y-%m-%d %H:%M:%S" (CTIME is
+// "0000-00-00 00:00:00" for items whose change time is unknown).  LSL catalogs end the line with the saveset name and a
 // blank after it (readers take the name up to the next blank); LIS catalogs
 // name no saveset.  The numbers, with R the item's record:
 //
@@ -23,6 +23,10 @@
 //
 // The consolidated catalog lists every item of the final state once, and R
 // is the item's newest record in the saveset the line names.
+//
+// A full-disk line has no record of its own (the disk's data is in its
+// changed-block files, see vm_disk.h): its numbers describe a record that
+// starts at 0 and spans the disk, and the footer does not count it.
 #ifndef MKCHAIN_CATALOG_WRITER_H
 #define MKCHAIN_CATALOG_WRITER_H
 

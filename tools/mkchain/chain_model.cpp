@@ -84,6 +84,15 @@ void ContentStream::Fill(char* out, size_t n) {
 
 ChainModel::ChainModel(const ModelOptions& options) : opt_(options), rng_(options.seed) {}
 
+Node& ChainModel::Item(const std::string& path) {
+  auto it = nodes_.find(path);
+  if (it == nodes_.end()) {
+    it = nodes_.emplace(path, Node()).first;
+    it->second.ino = nextIno_++;
+  }
+  return it->second;
+}
+
 void ChainModel::Touch(Node* n, time_t t, time_t minAge, time_t maxAge) {
   n->mtime = t - static_cast<time_t>(rng_.Range(minAge, maxAge));
   n->ctime = n->mtime + static_cast<time_t>(rng_.Range(0, 120));

@@ -61,6 +61,7 @@ struct Placement {
 
 struct Node {
   bool dir = false;
+  bool raw = false;           // a full-disk item ("R"): a catalog line, no record
   bool noFiles = false;       // a folder that is kept empty
   bool ctimeUnknown = false;  // catalog lines give "0000-00-00 00:00:00"
   uint64_t ino = 0;
@@ -91,6 +92,10 @@ class ChainModel {
 
   const std::map<std::string, Node>& nodes() const { return nodes_; }
   Node& node(const std::string& path) { return nodes_.at(path); }
+  // The item at path, created with the next inode number when missing.  For
+  // items that the random changes above never pick (a virtual machine
+  // disk's): they are in no list of candidates for change.
+  Node& Item(const std::string& path);
 
  private:
   std::string AddFolder(const std::string& parent, const std::string& base, time_t t);

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <memory>
 
+#include "vm_disk.h"
+
 namespace mkchain {
 namespace fs = std::filesystem;
 namespace {
@@ -39,6 +41,7 @@ bool WriteConsolidatedCatalog(const Chain& chain, const ChainModel& model,
   for (const auto& kv : model.nodes()) {
     const Node& node = kv.second;
     catalog.Add(kv.first, node, chain.names.at(node.newest.saveset), pos);
+    if (node.raw) continue;  // no record in the stream
     pos += node.newest.span;
     ++count;
   }
@@ -57,7 +60,8 @@ bool WriteControlFiles(const Chain& chain, uint64_t streamBytes, uint64_t items,
   const std::string args = "-f\n" + mnt + "/savesets.txt\n" +
                            "-l\ngv_rw_tqslis:" + chain.con + "_mnt/" + chain.con +
                            CatalogExtension(chain.catalog) + "\n" +
-                           "-r\n/\n-t\ncpio\n-o\nno_vmdk_search=1\n";
+                           "-r\n/\n-t\ncpio\n" +
+                           (chain.vmDiskSize ? "" : "-o\nno_vmdk_search=1\n");
   if (!WriteText(mnt + "/consolidate.arg", args, error)) return false;
 
   const std::string ini = "[pathes]\ngv_rw_tqslis=" + chain.dir + "/tqslis/\n" +
@@ -70,19 +74,24 @@ bool WriteControlFiles(const Chain& chain, uint64_t streamBytes, uint64_t items,
     return false;
   }
 
-  const std::string info = "consolidate=" + chain.con + "\n" +
-                           "format=" + ChainFormatName(chain.format) + "\n" +
-                           "catalog=" + CatalogKindName(chain.catalog) + "\n" +
-                           "savesets=" + std::to_string(chain.names.size()) + "\n" +
-                           "items=" + std::to_string(items) + "\n" +
-                           "stream_bytes=" + std::to_string(streamBytes) + "\n" +
-                           "ini=" + chain.dir + "/tq.ini\n";
+  std::string info = "consolidate=" + chain.con + "\n" +
+                     "format=" + ChainFormatName(chain.format) + "\n" +
+                     "catalog=" + CatalogKindName(chain.catalog) + "\n" +
+                     "savesets=" + std::to_string(chain.names.size()) + "\n" +
+                     "items=" + std::to_string(items) + "\n" +
+                     "stream_bytes=" + std::to_string(streamBytes) + "\n" +
+                     "ini=" + chain.dir + "/tq.ini\n";
+  if (chain.vmDiskSize)
+    info += std::string("vm_disk=") + VmDisk::kPath + "\n" +
+            "vm_disk_size=" + std::to_string(chain.vmDiskSize) + "\n" +
+            "vm_final=" + chain.VmFinal() + "\n" + "vm_rules=" + chain.VmRules() + "\n";
   return WriteText(chain.dir + "/chain.txt", info, error);
 }
 
 bool WriteFinalTree(const Chain& chain, const ChainModel& model, std::string* error) {
   const std::string root = chain.dir + "/final/";
   for (const auto& kv : model.nodes()) {
+    if (kv.second.raw) continue;
     const std::string path = root + kv.first;
     if (kv.second.dir) {
       std::error_code ec;
@@ -115,6 +124,7 @@ bool WriteExpectedStream(const Chain& chain, const ChainModel& model, std::strin
   if (!out.Open(chain.dir + "/expected.cpio", error)) return false;
   std::vector<char> buf(1 << 20);
   for (const auto& kv : model.nodes()) {
+    if (kv.second.raw) continue;
     const Placement& p = kv.second.newest;
     std::FILE* in = savesets.at(p.saveset).get();
     if (fseeko(in, static_cast<off_t>(p.start), SEEK_SET) != 0) {

@@ -22,21 +22,28 @@ struct Chain {
   std::vector<std::string> files;    // absolute paths of their .cpio files
   std::vector<uint64_t> bytes;       // their sizes
   std::string con;                   // name of the consolidation target
+  uint64_t vmDiskSize = 0;           // size of the virtual machine disk, 0: none
 
   std::string MountDir() const { return dir + "/tqslis/" + con + "_mnt"; }
+  std::string VmFinal() const { return dir + "/vm/web01-flat.vmdk.final"; }
+  std::string VmRules() const { return dir + "/vm/rules.map"; }
 };
 
 // Writes tqslis/<CON>_mnt/<CON>.lsl|.lis.  *streamBytes receives the size of
-// the stream the catalog describes and *items its number of lines.
+// the stream the catalog describes and *items its number of records (the
+// lines other than full-disk lines).
 bool WriteConsolidatedCatalog(const Chain& chain, const ChainModel& model,
                               uint64_t* streamBytes, uint64_t* items, std::string* error);
 
 // Writes savesets.txt, consolidate.arg, tq.ini, the empty ini/xfpd_conf
-// folder and chain.txt.
+// folder and chain.txt.  A chain with a virtual machine disk leaves the
+// disk search on (no "no_vmdk_search=1" option) and names the disk's files
+// in chain.txt.
 bool WriteControlFiles(const Chain& chain, uint64_t streamBytes, uint64_t items,
                        std::string* error);
 
-// Writes final/: the newest state of every item as a real tree.
+// Writes final/: the newest state of every item as a real tree; full-disk
+// items, which the consolidated stream does not carry, are left out.
 bool WriteFinalTree(const Chain& chain, const ChainModel& model, std::string* error);
 
 // Writes expected.cpio by copying each item's newest record out of its

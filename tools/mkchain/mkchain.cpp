@@ -4,17 +4,24 @@
 //
 //   mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]
 //           [--files N] [--incrementals K] [--seed S] [--total-bytes B]
-//           [--no-expected] [--no-final]
+//           [--vm-disk BYTES] [--no-expected] [--no-final]
+//
+// --vm-disk adds a virtual machine disk saved with changed-block tracking
+// (vm_disk.h) and writes vm/web01-flat.vmdk.final (its final state as a raw
+// image) and vm/rules.map (mapper rules that show it).
 //
 // The same options and seed always give the same chain (times are local, so
 // the epoch values in the headers depend on the time zone).  Output already
 // in DIR from an earlier run is replaced.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <filesystem>
+#include <iterator>
+#include <optional>
 #include <string>
 
 #include "catalog_writer.h"
@@ -22,6 +29,7 @@
 #include "relist.h"
 #include "chain_outputs.h"
 #include "saveset_writer.h"
+#include "vm_disk.h"
 
 namespace mkchain {
 namespace {
@@ -33,6 +41,7 @@ struct Options {
   CatalogKind catalog = CatalogKind::kLslV2;
   ModelOptions model;
   int incrementals = 4;
+  uint64_t vmDisk = 0;  // bytes; 0: no disk
   bool expected = true;
   bool final = true;
 };
@@ -40,8 +49,11 @@ struct Options {
 const char kUsage[] =
     "usage: mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]\n"
     "               [--files N (1200)] [--incrementals K (4)] [--seed S (1)]\n"
-    "               [--total-bytes B (25165824)] [--no-expected] [--no-final]\n"
+    "               [--total-bytes B (25165824)] [--vm-disk BYTES (0)]\n"
+    "               [--no-expected] [--no-final]\n"
     "  lsl and lis are the version-1 catalogs; LIS catalogs allow no incrementals.\n"
+    "  --vm-disk adds a virtual machine disk of that size (a multiple of 64 KiB, at least\n"
+    "  1 MiB) saved with changed-block tracking; 0 makes none.\n"
     "       mkchain relist --out DIR --media file|vk4|vk4ng [--dedup-host H] [--dedup-port P]\n"
     "               [--http-type T (hyper)]\n"
     "  rewrites the saveset list of the chain in DIR for savesets read from that medium.\n";
@@ -99,6 +111,9 @@ std::string ParseOptions(int argc, char** argv, Options* o) {
       o->model.seed = n;
     } else if (arg == "--total-bytes") {
       o->model.totalBytes = n;
+    } else if (arg == "--vm-disk") {
+      if (n != 0 && !VmDisk::CheckSize(n).empty()) return VmDisk::CheckSize(n);
+      o->vmDisk = n;
     } else {
       return "unknown option " + arg;
     }
@@ -131,7 +146,7 @@ std::string SavesetName(const char* prefix, time_t t) {
 // Removes what an earlier run left in the output folder, nothing else.
 void RemoveOldOutput(const std::string& dir) {
   std::error_code ec;
-  for (const char* sub : {"savesets", "catalogs", "tqslis", "final", "ini"})
+  for (const char* sub : {"savesets", "catalogs", "tqslis", "final", "ini", "vm"})
     fs::remove_all(dir + "/" + sub, ec);
   for (const char* file : {"expected.cpio", "chain.txt", "tq.ini"}) fs::remove(dir + "/" + file, ec);
 }
@@ -143,6 +158,7 @@ int Run(const Options& o) {
   while (chain.dir.size() > 1 && chain.dir.back() == '/') chain.dir.pop_back();
   chain.format = o.format;
   chain.catalog = o.catalog;
+  chain.vmDiskSize = o.vmDisk;
   RemoveOldOutput(chain.dir);
   for (const char* sub : {"savesets", "catalogs"}) fs::create_directories(chain.dir + "/" + sub, ec);
   if (ec) {
@@ -151,12 +167,23 @@ int Run(const Options& o) {
   }
 
   ChainModel model(o.model);
+  std::optional<VmDisk> disk;
+  if (o.vmDisk) disk.emplace(o.vmDisk, o.model.seed);
   std::string error;
   uint64_t records = 0;
   for (int s = 0; s <= o.incrementals; ++s) {
     const time_t t = BackupTime(s);
     const std::string name = SavesetName(s == 0 ? "SF" : "SI", t);
-    const std::vector<std::string> paths = s == 0 ? model.BuildFull(t) : model.Evolve(t);
+    std::vector<std::string> paths = s == 0 ? model.BuildFull(t) : model.Evolve(t);
+    if (disk) {
+      // Both lists are in path order; they share no path.
+      const std::vector<std::string> more =
+          s == 0 ? disk->Full(&model, t) : disk->Incremental(&model, t);
+      std::vector<std::string> merged;
+      std::set_union(paths.begin(), paths.end(), more.begin(), more.end(),
+                     std::back_inserter(merged));
+      paths.swap(merged);
+    }
     chain.names.push_back(name);
     chain.files.push_back(chain.dir + "/savesets/" + name + ".cpio");
 
@@ -171,15 +198,21 @@ int Run(const Options& o) {
         !catalog.Close(&error))
       break;
     chain.bytes.push_back(bytes);
-    records += paths.size();
+    for (const std::string& path : paths) records += !model.node(path).raw;
   }
   chain.con = SavesetName("SF", BackupTime(o.incrementals + 1));
 
+  auto writeVm = [&] {
+    if (!disk) return true;
+    fs::create_directories(chain.dir + "/vm", ec);
+    return disk->WriteImage(chain.VmFinal(), &error) &&
+           VmDisk::WriteRules(chain.VmRules(), chain.names.front(), &error);
+  };
   uint64_t streamBytes = 0, items = 0;
   if (error.empty() && WriteConsolidatedCatalog(chain, model, &streamBytes, &items, &error) &&
       WriteControlFiles(chain, streamBytes, items, &error) &&
       (!o.final || WriteFinalTree(chain, model, &error)) &&
-      (!o.expected || WriteExpectedStream(chain, model, &error))) {
+      (!o.expected || WriteExpectedStream(chain, model, &error)) && writeVm()) {
     uint64_t total = 0, dirs = 0;
     for (uint64_t b : chain.bytes) total += b;
     for (const auto& kv : model.nodes()) dirs += kv.second.dir;
@@ -194,6 +227,10 @@ int Run(const Options& o) {
                 static_cast<unsigned long long>(total),
                 static_cast<unsigned long long>(chain.bytes.front()),
                 static_cast<unsigned long long>(streamBytes), chain.con.c_str());
+    if (disk)
+      std::printf("vm disk: %s, %llu bytes, final image %s, rules %s\n", VmDisk::kPath,
+                  static_cast<unsigned long long>(disk->size()), chain.VmFinal().c_str(),
+                  chain.VmRules().c_str());
     return 0;
   }
   std::fprintf(stderr, "mkchain: %s\n", error.c_str());

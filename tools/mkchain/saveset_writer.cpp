@@ -83,10 +83,18 @@ bool WriteSaveset(ChainModel* model, int index, const std::vector<std::string>& 
   OutFile out;
   if (!out.Open(file, error)) return false;
   std::string header;
-  for (size_t i = 0; i < paths.size(); ++i) {
-    const std::string& path = paths[i];
+  size_t records = 0;
+  for (const std::string& path : paths) {
     Node& node = model->node(path);
-    const cpio::Format rf = RecordFormat(format, i);
+    if (node.raw) {
+      // A full-disk item is described by its catalog line alone: the line
+      // spans the whole disk, and the disk's data is in its changed-block
+      // files.
+      node.newest = Placement{index, 0, 0, node.size, node.size};
+      onRecord(path, node);
+      continue;
+    }
+    const cpio::Format rf = RecordFormat(format, records++);
 
     cpio::Header h;
     h.ino = node.ino;
@@ -126,7 +134,7 @@ bool WriteSaveset(ChainModel* model, int index, const std::vector<std::string>& 
     }
     onRecord(path, node);
   }
-  const std::string trailer = cpio::TrailerRecord(RecordFormat(format, paths.size()));
+  const std::string trailer = cpio::TrailerRecord(RecordFormat(format, records));
   out.Write(trailer.data(), trailer.size());
   *bytes = out.pos();
   return out.Close(error);

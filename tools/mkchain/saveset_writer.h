@@ -49,6 +49,8 @@ using RecordCallback = std::function<void(const std::string& path, const Node& n
 // Writes saveset number `index` of the chain to `file`: one record per path,
 // in the order given, then the trailer.  Sets each node's newest placement.
 // Records carry mode 040755 or 0100644, uid and gid 1000, nlink 2 or 1.
+// A full-disk item (Node::raw) gets no record: its placement spans the disk
+// from offset 0 and onRecord is still called, for its catalog line.
 bool WriteSaveset(ChainModel* model, int index, const std::vector<std::string>& paths,
                   ChainFormat format, const std::string& file, const RecordCallback& onRecord,
                   uint64_t* bytes, std::string* error);

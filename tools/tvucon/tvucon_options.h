@@ -20,6 +20,7 @@ struct TvuconOptions {
   std::string path = "/";        // tree path (ls, stat, cat, find, export) or mount point (mount)
   std::string destination;       // export: local folder
   bool buildCache = false;       // --build-cache: build the whole tree first
+  std::string rules;             // --rules: mapper rules file
   bool foreground = false;       // mount --foreground
   bool debug = false;            // mount --debug
 };

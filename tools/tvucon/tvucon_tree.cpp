@@ -169,6 +169,7 @@ int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook) {
   tvu::TreeOptions options;
   options.saveset = o.saveset;
   options.buildCache = o.buildCache;
+  options.rulesFile = o.rules;
   std::string error;
   int rc = tvu::Open(options, &error);
   if (rc != 0) {

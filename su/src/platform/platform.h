@@ -60,6 +60,9 @@ intptr_t FileNativeHandle(File* f);
 FILE* FOpen(const char* path, const char* mode);
 // Size of a file by path; non-zero when it cannot be learnt.
 int FileSizeByPath(const char* path, uint64_t* size);
+// Status-change and modification times of a file by path (either pointer may
+// be null); non-zero when they cannot be learnt.
+int FileTimes(const char* path, time_t* ctime, time_t* mtime);
 // 1 when path names an existing regular file or directory.
 bool PathExists(const char* path);
 // Creates a directory and any missing parents.

@@ -151,6 +151,14 @@ int FileSizeByPath(const char* path, uint64_t* size) {
   return 0;
 }
 
+int FileTimes(const char* path, time_t* ctime, time_t* mtime) {
+  struct stat st;
+  if (::stat(OsPath(path).c_str(), &st) != 0) return errno;
+  if (ctime) *ctime = st.st_ctime;
+  if (mtime) *mtime = st.st_mtime;
+  return 0;
+}
+
 bool PathExists(const char* path) {
   struct stat st;
   return ::stat(OsPath(path).c_str(), &st) == 0;

@@ -13,6 +13,7 @@
 #include "runtime/text.h"
 #include "tvu_con.h"
 #include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_saveset.h"
 
 namespace {
@@ -26,6 +27,8 @@ std::unique_ptr<char[]> g_catalogPath(new char[CON_CATALOG_PATH_CAP + 1]());
 CON_ARGS* ConsolidationArgs() { return g_args.get(); }
 
 void ResetConsolidationArgs() {
+  // The options come from the argument file of each operation.
+  gVOPTIONS = VFS_OPTIONS{};
   memset(g_args.get(), 0, sizeof(CON_ARGS));
   memset(g_catalogPath.get(), 0, CON_CATALOG_PATH_CAP + 1);
   g_args->pszCatalogPath = g_catalogPath.get();

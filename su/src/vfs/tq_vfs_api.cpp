@@ -15,6 +15,7 @@
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_init.h"
+#include "vfs/tq_vfs_mapper.h"
 #include "vfs/tq_vfs_read.h"
 #include "vfs/tq_vfs_saveset.h"
 
@@ -91,6 +92,7 @@ int Open(const TreeOptions& options, std::string* error) {
   }
   CatalogSetLineByLine(false);
   gVOPTIONS.iBuildCache = options.buildCache ? 1 : 0;
+  VfsSetMapperRulesFile(options.rulesFile.c_str());
   if (InitVFS(ConsolidationArgs()) != 0) {
     *error = "the virtual file system could not be brought up over the chain of " + options.saveset +
              " (a saveset could not be opened; TQ_TRACE_LEVEL=1 and TQ_TRACE_FILE tell more)";

@@ -406,6 +406,15 @@ uint64_t BuildCompleteTree(const char* searchPath) {
 
 const std::vector<LIS_NODE*>& VfsFileTable() { return s_fileTable; }
 
+uint64_t VfsFileTableAppend(LIS_NODE* node) {
+  CsGuard cs;
+  if (node->fileId == 0) {
+    s_fileTable.push_back(node);
+    node->fileId = s_fileTable.size();
+  }
+  return node->fileId;
+}
+
 void VfsEnumReset() {
   CsGuard cs;
   std::vector<LIS_NODE*>().swap(s_fileTable);

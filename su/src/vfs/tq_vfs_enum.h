@@ -26,6 +26,10 @@ uint64_t BuildCompleteTree(const char* searchPath);
 
 // File nodes of the complete build, indexed by fileId - 1.
 const std::vector<LIS_NODE*>& VfsFileTable();
+// Appends a file node made outside the complete build to the file table and
+// gives it the next fileId; a node that has one already keeps it.  Returns
+// the node's fileId.
+uint64_t VfsFileTableAppend(LIS_NODE* node);
 
 // Completes a node from its saveset stream by the saveset data type (CPIO:
 // relative data offset and size).  0 when located.

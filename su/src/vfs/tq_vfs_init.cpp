@@ -16,6 +16,8 @@
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
 #include "vfs/tq_vfs_vdisk.h"
+#include "vfs/tq_vfs_vfile.h"
+#include "vfs/tq_vfs_vmdk.h"
 
 namespace {
 
@@ -166,6 +168,8 @@ void TerminateVFS() {
   WRITE_TRACE(1, "+++DestroyLISCache");
   unsigned long long removed = LISCacheTerminate();
   VfsEnumReset();
+  vfile_tables_clear();
+  VmdkReset();
   WRITE_TRACE(1, "---DestroyLISCache entriesRemoved=%llu", removed);
   WRITE_TRACE(1, "---TerminateVFS");
 }

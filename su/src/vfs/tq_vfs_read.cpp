@@ -11,6 +11,7 @@
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_vfile.h"
 
 namespace {
 
@@ -29,31 +30,42 @@ std::string NodeNarrowPath(const LIS_NODE* node) {
   return path;
 }
 
-// In-memory files (kind 3) live in a table that nothing in this build fills
-// yet; every handle is out of range.
-uint64_t ReadFromPureVirtual(LIS_NODE* node, uint64_t fileOffset, uint64_t size) {
+// In-memory files (kind 3): the read does not move the position.
+uint64_t ReadFromPureVirtual(LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
   WRITE_TRACE(2, "+++ReadFromPureVirtual file to read [%ls] file offset [%ld] buffer size [%lu]", node->wsName.c_str(),
               static_cast<long>(fileOffset), static_cast<unsigned long>(size));
-  // TODO: the in-memory file table and its read come with the virtual files.
-  return static_cast<uint64_t>(-1);
+  if (pure_virtual_seek(node->iHandle, fileOffset) == static_cast<uint64_t>(-1)) return static_cast<uint64_t>(-1);
+  uint64_t got = pure_virtual_read(node->iHandle, buffer, size);
+  WRITE_TRACE(2, "---ReadFromPureVirtual bytesRead %llu", static_cast<unsigned long long>(got));
+  return got;
 }
 
-// VMDK (kind 1) and MERGE (kind 5) sliced files are read through the virtual
-// file tables, which come with the virtual files.
-uint64_t ReadFromVMDK(LIS_NODE* node, uint64_t fileOffset, uint64_t size) {
-  WRITE_TRACE(1, "ReadFromVMDK file to read [%ls] file offset [%ld] buffer size [%lu] VFILE handle [%d] !! bytes to "
-                 "read: %llu bytes read: %llu",
-              node->wsName.c_str(), static_cast<long>(fileOffset), static_cast<unsigned long>(size), node->iHandle,
-              static_cast<unsigned long long>(size), 0ull);
-  WRITE_TRACE(2, "---ReadFromVMDK: return [%u]", 0u);
-  return 0;
+// VMDK sliced files (kind 1): the file's lock is held across the seek and the
+// read, because the position lives in the file.
+uint64_t ReadFromVMDK(LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
+  vfile_mutex_lock(node->iHandle);
+  vfile_seek(node->iHandle, static_cast<int64_t>(fileOffset));  // result not tested: 0 is also a good seek
+  uint64_t got = vfile_read(node->iHandle, buffer, size);
+  if (got != size)
+    WRITE_TRACE(1, "ReadFromVMDK file to read [%ls] file offset [%ld] buffer size [%lu] VFILE handle [%d] !! bytes to "
+                   "read: %llu bytes read: %llu",
+                node->wsName.c_str(), static_cast<long>(fileOffset), static_cast<unsigned long>(size), node->iHandle,
+                static_cast<unsigned long long>(size), static_cast<unsigned long long>(got));
+  WRITE_TRACE(2, "---ReadFromVMDK: return [%u]", static_cast<unsigned>(got));
+  vfile_mutex_unlock(node->iHandle);
+  return got;
 }
 
-uint64_t ReadFromMERGE(LIS_NODE* node, uint64_t fileOffset, uint64_t size) {
+// MERGE sliced files (kind 5).
+uint64_t ReadFromMERGE(LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
+  vfile_mutex_lock_MERGE(node->iHandle);
   WRITE_TRACE(2, "+++ReadFromMERGE file to read [%ls] file offset [%ld] buffer size [%lu] VFILE handle [%d]",
               node->wsName.c_str(), static_cast<long>(fileOffset), static_cast<unsigned long>(size), node->iHandle);
-  WRITE_TRACE(2, "---ReadFromMERGE: return [%u]", 0u);
-  return 0;
+  vfile_seek_MERGE(node->iHandle, static_cast<int64_t>(fileOffset));
+  uint64_t got = vfile_read_MERGE(node->iHandle, buffer, size);
+  WRITE_TRACE(2, "---ReadFromMERGE: return [%u]", static_cast<unsigned>(got));
+  vfile_mutex_unlock_MERGE(node->iHandle);
+  return got;
 }
 
 // A mapper node reads another tree node, or a local file opened for this one read.
@@ -182,11 +194,11 @@ uint64_t ReadFromDUMPSaveset(const char* context, LIS_NODE* node, uint64_t fileO
 uint64_t ReadFromVFS(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
   switch (node->llSource) {
     case nsPURE_VIRTUAL:
-      return ReadFromPureVirtual(node, fileOffset, size);
+      return ReadFromPureVirtual(node, fileOffset, buffer, size);
     case nsVMDK:
-      return ReadFromVMDK(node, fileOffset, size);
+      return ReadFromVMDK(node, fileOffset, buffer, size);
     case nsMERGE:
-      return ReadFromMERGE(node, fileOffset, size);
+      return ReadFromMERGE(node, fileOffset, buffer, size);
     case nsMAPPER:
       return ReadFromMAPPER_FS(context, node, fileOffset, buffer, size);
     case nsSAVESET_MAPPED:

@@ -1,29 +1,25 @@
-// tq_vfs_vdisk.cpp - the catalog pass for virtual disks.
-//
-// TODO: VMDK disks saved with changed-block tracking are rebuilt from their
-// changed-block files here; until that reader exists the pass finds no disk,
-// which leaves the consolidation stream untouched (it never depends on it).
+// tq_vfs_vdisk.cpp - the virtual disk sources of the virtual file system.
 #include "vfs/tq_vfs_vdisk.h"
 
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_mapper.h"
+#include "vfs/tq_vfs_vmdk.h"
 
-int VdiskParseCatalog(const CON_ARGS* /*args*/, const char* catalogPath) {
+int VdiskParseCatalog(const CON_ARGS* args, const char* catalogPath) {
   if (gVOPTIONS.iNo_vmdk_search) {
     WRITE_TRACE(1, "VMDK search disabled; catalog [%s] not scanned for virtual disks", catalogPath);
     return 0;
   }
-  WRITE_TRACE(1, "Virtual disk catalog pass over [%s]: no virtual disk sources in this build", catalogPath);
-  return 0;
+  return localfs_catalog_parse_VMDK(args, catalogPath);
 }
 
-// TODO: VMDK disks appear under "/R/VMDK" and mapper rules place files under
-// "/R/MAPPER" once the virtual files exist; until then the tree holds the
-// catalog's items only.
-int VdiskInitVmdkAndMapper(const CON_ARGS* /*args*/) {
-  if (gVOPTIONS.iNo_vmdk_search) WRITE_TRACE(1, "VMDK search disabled");
-  WRITE_TRACE(1, "No VMDK file system or mapper rules in this build");
-  return 0;
+int VdiskInitVmdkAndMapper(const CON_ARGS* args) {
+  if (gVOPTIONS.iNo_vmdk_search)
+    WRITE_TRACE(1, "VMDK search disabled");
+  else if (initializeVMDK_FS() != 0)
+    WRITE_TRACE(1, "VMDK file system could not be initialised");
+  return initializeMAPPER_FS(args);
 }
 
 // TODO: RCT records and sector-bitmap merges of Hyper-V disks.

@@ -1,0 +1,422 @@
+// tq_vfs_mapper.cpp - the mapper rules file: one tree node per accepted rule
+// under "/R/MAPPER".
+//
+// Rule line form: TOKEN, a blank, a one-character type field, a blank, the
+// source in double quotes and optionally a blank and the node's name in
+// double quotes (without it the node takes the source's base name).  MAPTO
+// has no type field: its one quoted argument is the directory that the
+// following rules fill.
+//
+//   MAPTO "/vm1"                               -> directory /R/MAPPER/vm1
+//   LOCALFS f "/etc/hosts" "hosts.txt"         -> local file (kind 2)
+//   SAVESET f "SF20261101020000"               -> whole saveset (kind 4)
+//   LIS f <catalog line> "name"                -> catalog item (kind 0)
+//   LIS R "disk1/disk1.vmdk"                   -> link to /R/VMDK/disk1/disk1.vmdk
+//
+// For LIS 'f' the source is a whole catalog line: everything after the type
+// field goes to the catalog parser, which reads the path between the first
+// two quotes and the fields after it, so the optional "name" at the end is
+// read past (and gives an LSL line's saveset name the blank that ends it).
+//
+// Every created directory is marked children-populated: its nodes are all it
+// holds, and listing it must not go to the catalog.  Every created file node
+// gets a fileId from the enumeration's file table, like the file nodes of the
+// complete build.
+#include "vfs/tq_vfs_mapper.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <new>
+#include <string>
+
+#include "platform/platform.h"
+#include "plugin/db_hooks.h"
+#include "runtime/text.h"
+#include "runtime/timefmt.h"
+#include "runtime/trace.h"
+#include "vfs/tq_vfs_cache.h"
+#include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_enum.h"
+#include "vfs/tq_vfs_saveset.h"
+
+namespace {
+
+// A rule's arguments are parsed in a buffer of this size (the text after the
+// type field is cut to fit it, with room for the terminating NUL).
+constexpr size_t kWorkBuffer = 34500;
+
+// Names and paths of rules are local text; the list the catalog parser uses
+// turns any byte sequence into a name.
+const char* const kEncodings = ".UTF-8,,ISO-8859";
+
+const wchar_t* const kMapperDir = L"/R/MAPPER";
+const wchar_t* const kIntermediateDir = L"/R/MAPPER/INTERMEDIATE";
+const wchar_t* const kVmdkDir = L"/R/VMDK";
+
+std::string s_rulesFile;
+
+// Set when the rules are read into a tree that was already built: then the
+// rules go to the root and the fixed directories are not made.  The VFS
+// initialisation always calls with a fresh tree, so it stays clear there.
+bool s_treeInitialised = false;
+
+// The rules' directories: the fixed ones and the last MAPTO target.  The
+// bitmap merge and VHD creation put their results and sources there once
+// they are part of the build.
+LIS_NODE* s_mapperNode = nullptr;
+LIS_NODE* s_intermediateNode = nullptr;
+LIS_NODE* s_lastMapTo = nullptr;
+
+std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Format(const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list copy;
+  va_copy(copy, args);
+  const int n = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  std::string out(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+  if (n > 0) std::vsnprintf(&out[0], out.size() + 1, format, args);
+  va_end(args);
+  return out;
+}
+
+// The end of every failing rule: the trace line, the standard-error line and
+// the error hook's report, then exit status 1.
+[[noreturn]] void RuleFatal(const std::string& traceText, const std::string& stderrText,
+                            const std::string& reportText) {
+  WRITE_TRACE(1, "%s", traceText.c_str());
+  std::fputs(stderrText.c_str(), stderr);
+  std::fflush(stderr);
+  tvu_fatal("%s", reportText.c_str());
+}
+
+MAPPER_PAYLOAD* NewPayload(const std::string& localPath, LIS_NODE* other) {
+  try {
+    return new MAPPER_PAYLOAD{localPath, other};
+  } catch (const std::bad_alloc&) {
+    tvu_out_of_memory(sizeof(MAPPER_PAYLOAD) + localPath.size(), __FILE__, __LINE__);
+  }
+}
+
+std::wstring Wide(const std::string& narrow) {
+  std::wstring wide;
+  if (!korvo::mbstowcsl(narrow.data(), narrow.size(), kEncodings, &wide)) wide.clear();
+  return wide;
+}
+
+PACKED_TIME Pack(time_t t) {
+  PACKED_TIME p{};
+  struct tm tm {};
+  if (!pf::LocalTime(t, &tm)) return p;
+  p.year = static_cast<uint16_t>(tm.tm_year + 1900);
+  p.mon = static_cast<uint8_t>(tm.tm_mon + 1);
+  p.mday = static_cast<uint8_t>(tm.tm_mday);
+  p.hour = static_cast<uint8_t>(tm.tm_hour);
+  p.min = static_cast<uint8_t>(tm.tm_min);
+  p.sec = static_cast<uint8_t>(tm.tm_sec);
+  return p;
+}
+
+// Both times of a node made now rather than taken from its source.
+void StampNow(LIS_NODE* node) {
+  PACKED_TIME now = Pack(korvo::time_get());
+  now.emulated = 1;
+  node->sCtime = now;
+  node->sMtime = now;
+}
+
+// Finds or makes the directory at path with its missing parents.  Every
+// directory on the way that holds only a path becomes a real directory ('d').
+LIS_NODE* MakeDirectory(const std::wstring& path) {
+  LIS_NODE* root = LISCacheRoot();
+  bool markPopulated = true;
+  LIS_NODE* dir = LISCacheBuildTree(root, path.c_str(), true, &markPopulated);
+  LISCacheLock();
+  for (LIS_NODE* n = dir; n != nullptr && n != root; n = n->pParent) {
+    if (n->cType == 'X') n->cType = 'd';
+  }
+  LISCacheUnlock();
+  return dir;
+}
+
+// A new file node of the given kind; not yet in the tree.
+LIS_NODE* NewFileNode(const std::wstring& name, NODE_SOURCE kind) {
+  LIS_NODE* node = LISCacheNewNode(name, 'f');
+  node->llSource = kind;
+  node->bChildrenPopulated = true;  // a file has no children to read
+  return node;
+}
+
+void AddToTree(LIS_NODE* dir, LIS_NODE* node) {
+  LISCacheLock();
+  LISCacheAppendChild(dir, node);
+  VfsFileTableAppend(node);
+  LISCacheUnlock();
+}
+
+// One rule line after its token: the type field and the quoted arguments.
+struct Rule {
+  int lineNo = 0;
+  std::string typeField;  // one character, or "" when the line ends after the token
+  std::string work;       // the text after the type field and its blank
+  std::string source;     // first quoted argument
+  std::string name;       // second quoted argument
+  bool hasName = false;
+};
+
+Rule SplitRule(const std::string& afterToken, int lineNo) {
+  Rule r;
+  r.lineNo = lineNo;
+  if (!afterToken.empty()) r.typeField.assign(1, afterToken[0]);
+  if (afterToken.size() > 2) r.work.assign(afterToken, 2, kWorkBuffer - 1);
+  // Arguments lie between the 1st and 2nd, and the 3rd and 4th quotes.
+  size_t q[4];
+  size_t found = 0;
+  for (size_t from = 0; found < 4; ++found) {
+    const size_t pos = r.work.find('"', from);
+    if (pos == std::string::npos) break;
+    q[found] = pos;
+    from = pos + 1;
+  }
+  if (found >= 2) r.source.assign(r.work, q[0] + 1, q[1] - q[0] - 1);
+  if (found == 4 && q[3] > q[2] + 1) {
+    // An empty name ("") names nothing: the source's base name is used.
+    r.name.assign(r.work, q[2] + 1, q[3] - q[2] - 1);
+    r.hasName = true;
+  }
+  return r;
+}
+
+// The node's name: the rule's own, else the given default.
+std::wstring NodeName(const Rule& r, const std::wstring& fallback) { return r.hasName ? Wide(r.name) : fallback; }
+
+// ---- rules -------------------------------------------------------------------
+
+// MAPTO "path": the directory "/R/MAPPER" + path becomes the target (the path
+// brings its own leading slash; without one it extends the name MAPPER).
+void MapTo(const std::string& afterToken, LIS_NODE** target) {
+  const size_t open = afterToken.find('"');
+  const size_t close = open == std::string::npos ? open : afterToken.find('"', open + 1);
+  if (close == std::string::npos) return;
+  const std::wstring path = kMapperDir + Wide(afterToken.substr(open + 1, close - open - 1));
+  s_lastMapTo = MakeDirectory(path);
+  *target = s_lastMapTo;
+}
+
+// LOCALFS: a local file, opened again at each read.  The size is taken as a
+// 32-bit signed value and widened with its sign.  That is deliberate, not an
+// oversight to fix: a file of 2 GiB or more does not show its true size.
+void MapLocalFile(const Rule& r, LIS_NODE* target) {
+  FILE* fp = pf::FOpen(r.source.c_str(), "rb");
+  if (fp == nullptr) {
+    RuleFatal(Format("MAPPER cannot open local file [%s] line no: %d", r.source.c_str(), r.lineNo),
+              Format("ERROR: MAPPER cannot open local file '%s' line no: %d\n", r.source.c_str(), r.lineNo),
+              Format("MAPPER cannot open local file [%s] line no: %d", r.source.c_str(), r.lineNo));
+  }
+  std::fclose(fp);
+  uint64_t size = 0;
+  pf::FileSizeByPath(r.source.c_str(), &size);
+  time_t ctime = 0, mtime = 0;
+  pf::FileTimes(r.source.c_str(), &ctime, &mtime);
+
+  LIS_NODE* node = NewFileNode(NodeName(r, Wide(korvo::basename(r.source.c_str()))), nsMAPPER);
+  node->pMapper = NewPayload(r.source, nullptr);
+  node->ullSize = static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(size)));
+  node->sCtime = Pack(ctime);
+  node->sMtime = Pack(mtime);
+  AddToTree(target, node);
+  WRITE_TRACE(1, "MAPPER mapped LOCALFS: %s -> %ls", r.source.c_str(), node->wsName.c_str());
+}
+
+// SAVESET: a whole saveset as one file, read from its start as it stands.
+void MapSaveset(const Rule& r, LIS_NODE* target) {
+  const int32_t idx = saveset_find_by_name(r.source.c_str());
+  if (idx < 0) {
+    WRITE_TRACE(1, "Mapper line %d - cannot find matching saveset for [%s]", r.lineNo, r.source.c_str());
+    return;
+  }
+  uint64_t size = 0;
+  if (saveset_size(idx, &size) != 0) size = 0;  // traced by the saveset layer
+
+  LIS_NODE* node = NewFileNode(NodeName(r, Wide(korvo::basename(r.source.c_str()))), nsSAVESET_MAPPED);
+  node->sLoc.ssetIdx = idx;
+  node->sLoc.ssetOff = 0;
+  node->sLoc.relOff = 0;
+  node->ullSize = size;
+  StampNow(node);
+  AddToTree(target, node);
+  WRITE_TRACE(1, "MAPPER mapped SAVESET: %s -> %ls", r.source.c_str(), node->wsName.c_str());
+}
+
+// LIS 'f': one catalog item, located in its stream now when the line does
+// not say where its data starts (later reads could not: the node's path in
+// the tree is no longer the item's path in its stream).
+void MapCatalogItem(const Rule& r, LIS_NODE* target) {
+  LIS_ENTRY rec{};
+  if (ParseSavesetEntry(&rec, r.work.c_str(), "f") != 0) {
+    RuleFatal(Format("Could not extract [%s] from rules file line no: %d", r.work.c_str(), r.lineNo),
+              Format("ERROR: unable to parse LIS line within rules file [%s] line no: %d\n", r.work.c_str(), r.lineNo),
+              Format("Unable to parse LIS line within rules file [%s] line no: %d\n", r.work.c_str(), r.lineNo));
+  }
+  WRITE_TRACE(2,
+              "adding szEntryName=[%ls] cEntryType=[%c] entryOffset=[%llu] entryRelativeOffset=[%lld] "
+              "entrySize=[%llu] iSavesetIdx=%d",
+              rec.wsBaseName.c_str(), rec.cType, static_cast<unsigned long long>(rec.ullOffset),
+              static_cast<long long>(rec.llRelOffset), static_cast<unsigned long long>(rec.ullSize), rec.iSavesetIdx);
+
+  LIS_NODE* node = NewFileNode(rec.wsBaseName, nsSAVESET);
+  LISCacheFillFromEntry(node, rec);
+  if (rec.llRelOffset < 1) {
+    const int32_t dataType = CatalogGetSavesetType();
+    if ((dataType == sdtMTF || dataType == sdtCPIO || dataType == sdtDUMP) &&
+        VfsUpdateEntryFromSaveset(node, rec.sPath.c_str()) != 0) {
+      WRITE_TRACE(1, "Unable to locate %s in saveset", rec.sPath.c_str());
+    }
+  }
+  node->wsName = NodeName(r, rec.wsBaseName);
+  StampNow(node);
+  AddToTree(target, node);
+  WRITE_TRACE(1, "MAPPER mapped LIS: %ls -> %ls", rec.wsPath.c_str(), node->wsName.c_str());
+}
+
+// LIS 'R': a link to a rebuilt VMDK file, read through that node.
+void MapVmdkFile(const Rule& r, LIS_NODE* target) {
+  LIS_NODE* root = LISCacheRoot();
+  const std::wstring wpath = Wide(r.source);
+  LIS_NODE* vmdk = nullptr;
+  // An empty path would name the VMDK directory itself.
+  if (!wpath.empty() && LISCacheFind(root, kVmdkDir, true) != nullptr) {
+    vmdk = LISCacheFind(root, (std::wstring(kVmdkDir) + L"/" + wpath).c_str(), true);
+  }
+  if (vmdk == nullptr) {
+    // The path as UTF-8 text: formatting a wide string would depend on the
+    // process's locale, and a message must not come out empty.
+    const std::string path = korvo::wcstombs_utf8(wpath.c_str());
+    RuleFatal(Format("MAPPER cannot locate VMDK file [%s] line no: %d", path.c_str(), r.lineNo),
+              Format("ERROR: MAPPER cannot locate VMDK file '%s' line no: %d\n", path.c_str(), r.lineNo),
+              Format("MAPPER cannot locate VMDK file [%s] line no: %d", path.c_str(), r.lineNo));
+  }
+  LIS_NODE* node = NewFileNode(NodeName(r, korvo::basename(wpath.c_str())), nsMAPPER);
+  node->pMapper = NewPayload(std::string(), vmdk);
+  node->ullSize = vmdk->ullSize;
+  node->sCtime = vmdk->sCtime;
+  node->sMtime = vmdk->sMtime;
+  AddToTree(target, node);
+  WRITE_TRACE(1, "MAPPER mapping LIS: %ls -> %ls", wpath.c_str(), node->wsName.c_str());
+}
+
+void MapLis(const Rule& r, LIS_NODE* target) {
+  if (r.typeField == "f") {
+    MapCatalogItem(r, target);
+  } else if (r.typeField == "R") {
+    MapVmdkFile(r, target);
+  } else {
+    const std::string text = Format("MAPPER type %s currently not supported line no %d", r.typeField.c_str(), r.lineNo);
+    RuleFatal(text, "ERROR: " + text + "\n", text);
+  }
+}
+
+// TODO: the bitmap merge (BITMERGE_FULL, BITMERGE_INC, BITMERGE_BITMAP), VHD
+// creation from a saveset (SAVESET2VHD) and the VHDX merge (VHDXMERGE) need
+// the RCT bitmap, VHD and VHDX disk-format code, which this build does not
+// have; a rules file that asks for them ends the process rather than giving
+// a tree without the disks it asked for.
+[[noreturn]] void TokenNotSupported(const std::string& token, int lineNo) {
+  const std::string text = Format("MAPPER token %s is not supported in this build line no %d", token.c_str(), lineNo);
+  RuleFatal(text, "ERROR: " + text + "\n", text);
+}
+
+// One trimmed, non-empty rule line.
+void ProcessLine(const std::string& line, int lineNo, LIS_NODE** target) {
+  const size_t blank = line.find(' ');
+  const std::string token = line.substr(0, blank);
+  const std::string afterToken = blank == std::string::npos ? std::string() : line.substr(blank + 1);
+  WRITE_TRACE(1, "got token %s", token.c_str());
+
+  // Tested in this order; a token that is none of these is ignored.
+  if (token == "MAPTO") {
+    MapTo(afterToken, target);
+  } else if (token == "LOCALFS") {
+    MapLocalFile(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "SAVESET") {
+    MapSaveset(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "BITMERGE_FULL" || token == "BITMERGE_INC" || token == "SAVESET2VHD" || token == "VHDXMERGE") {
+    TokenNotSupported(token, lineNo);
+  } else if (token == "LIS") {
+    MapLis(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "BITMERGE_BITMAP") {
+    TokenNotSupported(token, lineNo);
+  }
+}
+
+void Trim(std::string* s) {
+  const size_t first = s->find_first_not_of(" \t");
+  if (first == std::string::npos) {
+    s->clear();
+    return;
+  }
+  s->erase(s->find_last_not_of(" \t") + 1);
+  s->erase(0, first);
+}
+
+}  // namespace
+
+void VfsSetMapperRulesFile(const char* path) { s_rulesFile = path ? path : ""; }
+
+const char* VfsGetMapperRulesFile() { return s_rulesFile.c_str(); }
+
+// args: the rules path is set apart (VfsSetMapperRulesFile), so the
+// consolidation arguments are not read here.
+int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
+  WRITE_TRACE(1, "+++ initializeMAPPER_FS");
+  s_mapperNode = s_intermediateNode = s_lastMapTo = nullptr;
+  const std::string path = s_rulesFile;
+  if (path.empty()) {
+    WRITE_TRACE(1, "no mapper file given");
+    WRITE_TRACE(1, "--- initializeMAPPER_FS");
+    return 0;
+  }
+  WRITE_TRACE(1, "reading rules from  %s", path.c_str());
+  // A rules file that is not there is no error (the caller may name one
+  // that a later step writes); one that is there but cannot be read is.
+  if (!pf::PathExists(path.c_str())) {
+    WRITE_TRACE(1, "mapper file not given. File does not exist");
+    WRITE_TRACE(1, "--- initializeMAPPER_FS");
+    return 0;
+  }
+  FILE* fp = pf::FOpen(path.c_str(), "r");
+  if (fp == nullptr) {
+    WRITE_TRACE(1, "cannot read from %s", path.c_str());
+    std::fprintf(stderr, "ERROR: cannot read from %s\n", path.c_str());
+    std::fflush(stderr);
+    tvu_fatal("MAPPER cannot read from %s\n", path.c_str());
+  }
+
+  LIS_NODE* target = LISCacheRoot();
+  if (!s_treeInitialised) {
+    s_mapperNode = MakeDirectory(kMapperDir);
+    s_intermediateNode = MakeDirectory(kIntermediateDir);
+    target = s_mapperNode;
+  }
+
+  std::string line;
+  int lineNo = 0;
+  while (korvo::read_line(fp, &line)) {
+    ++lineNo;
+    Trim(&line);
+    if (line.empty()) continue;
+    ProcessLine(line, lineNo, &target);
+  }
+  std::fclose(fp);
+
+  WRITE_TRACE(1, "+++bitmap_finalize");
+  // No bitmap merge can have been started: its tokens are refused above.
+  WRITE_TRACE(1, "---bitmap_finalize");
+  // Nor VHDX merges collected, which would be completed into the target here
+  // unless the tree was initialised before.
+  WRITE_TRACE(1, "--- initializeMAPPER_FS");
+  return 0;
+}
