@@ -9,10 +9,11 @@
 // the winner of a segment is decided at read time (getNewestSlice), not when
 // slices are added; that keeps add_slice independent of the order of mTimes.
 //
-// The read.  A pass finds the segment that holds the position (one map
-// lookup), picks the segment's slice, and copies min(remaining, rest of the
-// segment) straight from the slice's source into the caller's buffer: no data
-// is buffered and nothing is allocated per pass.
+// The read.  A pass finds the segment that holds the position (a descent of
+// the map for the first pass, a step to the next segment after that), picks
+// the segment's slice, and copies min(remaining, rest of the segment) straight
+// from the slice's source into the caller's buffer: no data is buffered and
+// nothing is allocated per pass.
 #include "vfs/tq_vfs_vfile.h"
 
 #include <boost/icl/interval_map.hpp>
@@ -31,9 +32,9 @@ namespace {
 
 using SliceSet = std::set<int32_t>;
 
-// Right-open intervals are given explicitly (rather than through ICL's
-// configurable default) so that a segment's bounds are static and every
-// translation unit that might name this type agrees on it.
+// Right-open intervals are named explicitly rather than left to ICL's
+// configurable default, so that segment bounds are static (no bound flags per
+// interval) whatever the ICL configuration.
 using SliceIntervalMap = boost::icl::interval_map<
     int64_t, SliceSet, boost::icl::partial_absorber, ICL_COMPARE_INSTANCE(ICL_COMPARE_DEFAULT, int64_t),
     ICL_COMBINE_INSTANCE(boost::icl::inplace_plus, SliceSet), ICL_SECTION_INSTANCE(boost::icl::inter_section, SliceSet),
@@ -48,8 +49,7 @@ using ull = unsigned long long;
 // The versions come from a compact copy (mTimes) so that choosing touches
 // only the winner's full record, not every covering slice's.
 template <class Indices>
-int32_t NewestOf(const std::vector<tq_vfs_slice>& slices, const std::vector<int64_t>& mTimes,
-                 const Indices& indices) {
+int32_t NewestOf(const std::vector<tq_vfs_slice>& slices, const std::vector<int64_t>& mTimes, const Indices& indices) {
   const bool bTrace = korvo::trace_level() >= 3;
   if (bTrace) korvo::write_trace(3, "tq_vfs_vfile::getNewestSlice");
   int32_t iBest = 0;
@@ -122,7 +122,9 @@ int tq_vfs_vfile::add_slice(const tq_vfs_slice& slice) {
   return 0;
 }
 
-int32_t tq_vfs_vfile::getNewestSlice(const std::vector<int32_t>& slices) const { return NewestOf(slices_, map_->mTimes, slices); }
+int32_t tq_vfs_vfile::getNewestSlice(const std::vector<int32_t>& slices) const {
+  return NewestOf(slices_, map_->mTimes, slices);
+}
 
 uint64_t tq_vfs_vfile::size() const {
   if (map_->m.empty()) return 0;
@@ -219,7 +221,8 @@ uint64_t tq_vfs_vfile::read(void* buffer, uint64_t size) {
           // printf ignores them for unsigned conversions.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat"
-          WRITE_TRACE(1, "unexpected error caught in tq_vfs_vfile::read iBufSize = % llu m_fpos = % llu iSavesetIdx = %d",
+          WRITE_TRACE(1,
+                      "unexpected error caught in tq_vfs_vfile::read iBufSize = % llu m_fpos = % llu iSavesetIdx = %d",
                       static_cast<ull>(size), static_cast<ull>(m_fpos), iSsIdx);
 #pragma GCC diagnostic pop
           saveset_operation_mutex_unlock(iSsIdx);

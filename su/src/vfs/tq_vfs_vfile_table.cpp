@@ -68,9 +68,7 @@ int32_t Push(std::vector<std::unique_ptr<tq_vfs_vfile>>* table, std::unique_ptr<
 
 int32_t vfile_table_push(std::unique_ptr<tq_vfs_vfile> file) { return Push(&s_vfileTable, std::move(file)); }
 
-int32_t vfile_table_MERGE_push(std::unique_ptr<tq_vfs_vfile> file) {
-  return Push(&s_vfileTableMERGE, std::move(file));
-}
+int32_t vfile_table_MERGE_push(std::unique_ptr<tq_vfs_vfile> file) { return Push(&s_vfileTableMERGE, std::move(file)); }
 
 int32_t pure_virtual_table_push(std::unique_ptr<tq_vfs_PureVirtualFile> file) {
   s_pureVirtualTable.push_back(std::move(file));
