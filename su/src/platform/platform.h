@@ -46,6 +46,9 @@ int FileOpenWrite(const char* path, File** out);
 // at end of file (or on error, when the result is non-zero and *got holds what
 // was read before the error).
 int FileRead(File* f, void* buf, uint64_t n, uint64_t* got);
+// Reads up to n bytes at offset without using or moving the file pointer
+// (several threads may read one file this way); *got < n only at end of file.
+int FileReadAt(File* f, uint64_t offset, void* buf, uint64_t n, uint64_t* got);
 // Writes all n bytes at the file pointer (retrying partial writes).
 int FileWrite(File* f, const void* buf, uint64_t n);
 // Moves the file pointer.  whence: 0 from start, 1 from current, 2 from end.

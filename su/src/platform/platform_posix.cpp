@@ -96,6 +96,24 @@ int FileRead(File* f, void* buf, uint64_t n, uint64_t* got) {
   return 0;
 }
 
+int FileReadAt(File* f, uint64_t offset, void* buf, uint64_t n, uint64_t* got) {
+  *got = 0;
+  if (!f) return EBADF;
+  char* p = static_cast<char*>(buf);
+  while (*got < n) {
+    size_t want = static_cast<size_t>(n - *got);
+    if (want > (size_t(1) << 30)) want = size_t(1) << 30;
+    ssize_t r = ::pread(f->fd, p + *got, want, static_cast<off_t>(offset + *got));
+    if (r < 0) {
+      if (errno == EINTR) continue;
+      return errno;
+    }
+    if (r == 0) break;  // end of file
+    *got += static_cast<uint64_t>(r);
+  }
+  return 0;
+}
+
 int FileWrite(File* f, const void* buf, uint64_t n) {
   if (!f) return EBADF;
   const char* p = static_cast<const char*>(buf);

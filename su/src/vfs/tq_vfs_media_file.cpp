@@ -1,5 +1,9 @@
 // tq_vfs_media_file.cpp - savesets that are plain files.  The stream position
-// is the OS file pointer; bit 0 of the entry's flags records end of file.
+// is kept in the entry and every read is positional (one system call, and
+// readers of different savesets never share a file pointer); bit 0 of the
+// entry's flags records end of file.
+#include <cerrno>
+
 #include "platform/platform.h"
 #include "plugin/db_hooks.h"
 #include "runtime/trace.h"
@@ -15,6 +19,7 @@ int FileOpen(int32_t, SAVESET* ps) {
     tvu_fatal("Cannot open saveset [%s] error = %d", ps->szName, err);
   }
   ps->hFile = f;
+  ps->llPosition = 0;
   ps->ucFlags &= static_cast<uint8_t>(~SAVESET_FLAG_EOF);
   return 0;
 }
@@ -30,8 +35,9 @@ int FileClose(int32_t, SAVESET* ps) {
 // the caller sees the short count.
 void FileRead(int32_t, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint64_t* piBytesRead, uint8_t* pucEof) {
   uint64_t got = 0;
-  int err = pf::FileRead(ps->hFile, pBuffer, iBufSize, &got);
+  int err = pf::FileReadAt(ps->hFile, static_cast<uint64_t>(ps->llPosition), pBuffer, iBufSize, &got);
   *piBytesRead = got;
+  ps->llPosition += static_cast<int64_t>(got);
   if (err != 0) {
     WRITE_TRACE(1, "Read error %d", err);
     return;
@@ -44,28 +50,25 @@ void FileRead(int32_t, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint64_t* 
 }
 
 int FileSeek(int32_t, SAVESET* ps, int64_t iOffset) {
-  uint64_t pos = 0;
-  int err = pf::FileSeek(ps->hFile, iOffset, 0, &pos);
+  // As the OS would: a position before the start, or on a file that is not
+  // open, is refused; any position after it is allowed.
+  int err = !ps->hFile ? EBADF : iOffset < 0 ? EINVAL : 0;
   if (err != 0) {
     WRITE_TRACE(1, "seek to %llu problem lr = %d error = %d", static_cast<unsigned long long>(iOffset), -1, err);
     return 1;
   }
+  ps->llPosition = iOffset;
   ps->ucFlags &= static_cast<uint8_t>(~SAVESET_FLAG_EOF);
   return 0;
 }
 
 int FileFeof(int32_t, SAVESET* ps) { return (ps->ucFlags & SAVESET_FLAG_EOF) ? 1 : 0; }
 
-// Learns the size by moving to the end and back to where the pointer was.
+// The size is where the end of the file lies; the stream position is not
+// touched by asking.
 int FileSize(int32_t, SAVESET* ps, uint64_t* pSize) {
-  uint64_t here = 0, end = 0;
-  int err = pf::FileSeek(ps->hFile, 0, 1, &here);
-  if (err == 0) err = pf::FileSeek(ps->hFile, 0, 2, &end);
-  if (err != 0) {
-    WRITE_TRACE(1, "seek problem dwr = %ld error = %d", -1L, err);
-    return 1;
-  }
-  err = pf::FileSeek(ps->hFile, static_cast<int64_t>(here), 0, nullptr);
+  uint64_t end = 0;
+  int err = pf::FileSeek(ps->hFile, 0, 2, &end);
   if (err != 0) {
     WRITE_TRACE(1, "seek problem dwr = %ld error = %d", -1L, err);
     return 1;
@@ -75,8 +78,9 @@ int FileSize(int32_t, SAVESET* ps, uint64_t* pSize) {
 }
 
 int FileTell(int32_t, SAVESET* ps, uint64_t* pPosition) {
-  int err = pf::FileSeek(ps->hFile, 0, 1, pPosition);
-  return err == 0 ? 0 : 1;
+  if (!ps->hFile) return 1;
+  *pPosition = static_cast<uint64_t>(ps->llPosition);
+  return 0;
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 
 #include <boost/icl/interval_map.hpp>
 #include <boost/icl/right_open_interval.hpp>
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
 #include <set>
@@ -86,9 +87,22 @@ void ReleaseLibraryLockAfterFailure() {
 
 }  // namespace
 
+// A stretch of the file that one slice supplies: consecutive segments won
+// by the same slice, [first, last].  MERGE slices get a run per segment.
+struct SliceRun {
+  int64_t first;
+  int64_t last;
+  int32_t slice;
+};
+
 struct tq_vfs_vfile::SliceMap {
   SliceIntervalMap m;
   std::vector<int64_t> mTimes;  // mTime of every slice, by index
+  // The winners of the map, flattened once slices stop arriving (built at
+  // the first read after an add_slice): reads below trace level 3 walk this
+  // array instead of the tree and the slice sets.
+  std::vector<SliceRun> runs;
+  bool runsValid = false;
 };
 
 tq_vfs_vfile::tq_vfs_vfile(const std::wstring& cpFilename, const std::wstring& relativePath)
@@ -116,6 +130,7 @@ int tq_vfs_vfile::add_slice(const tq_vfs_slice& slice) {
   VfsTimerStart(vtSLICE);
   slices_.push_back(slice);
   map_->mTimes.push_back(slice.mTime);
+  map_->runsValid = false;
   const int32_t i = static_cast<int32_t>(slices_.size() - 1);
   map_->m += std::make_pair(SliceInterval(slice.miIntervalStart, slice.miIntervalEnd), SliceSet{i});
   VfsTimerStop(vtSLICE);
@@ -135,6 +150,23 @@ bool tq_vfs_vfile::empty() const { return map_->m.empty(); }
 
 size_t tq_vfs_vfile::segmentCount() const { return map_->m.iterative_size(); }
 
+// Flattens the map into runs of one winning slice each.
+static void BuildRuns(const std::vector<tq_vfs_slice>& slices, const std::vector<int64_t>& mTimes,
+                      const SliceIntervalMap& map, std::vector<SliceRun>* runs) {
+  runs->clear();
+  for (const auto& seg : map) {
+    const int64_t first = boost::icl::first(seg.first);
+    const int64_t last = boost::icl::last(seg.first);
+    const int32_t winner = NewestOf(slices, mTimes, seg.second);
+    if (!runs->empty() && runs->back().slice == winner && runs->back().last + 1 == first &&
+        slices[static_cast<size_t>(winner)].iType != stMERGE) {
+      runs->back().last = last;
+    } else {
+      runs->push_back(SliceRun{first, last, winner});
+    }
+  }
+}
+
 uint64_t tq_vfs_vfile::read(void* buffer, uint64_t size) {
   WRITE_TRACE(3, "tq_vfs_vfile::read iBufSize=%llu m_fpos=%llu", static_cast<ull>(size), static_cast<ull>(m_fpos));
   unsigned char* pOut = static_cast<unsigned char*>(buffer);
@@ -145,31 +177,61 @@ uint64_t tq_vfs_vfile::read(void* buffer, uint64_t size) {
   SliceIntervalMap::const_iterator seg = map.end();
   bool bStepped = false;  // seg holds the previous pass's segment
   int64_t llPrevEnd = 0;
+  // Below trace level 3 the pass walks the flattened runs; at level 3 every
+  // segment is its own pass with its trace lines.
+  const bool bFast = korvo::trace_level() < 3;
+  if (bFast && !map_->runsValid) {
+    BuildRuns(slices_, map_->mTimes, map, &map_->runs);
+    map_->runsValid = true;
+  }
+  const std::vector<SliceRun>& runs = map_->runs;
+  size_t iRun = runs.size();
 
   while (remaining > 0) {
     if (m_fpos >= llFileSize) return total;
     WRITE_TRACE(3, "tq_vfs_vfile::read bytesRemaining=%zd m_fpos=%llu", static_cast<std::ptrdiff_t>(remaining),
                 static_cast<ull>(m_fpos));
 
-    // The segment holding the position.  After a pass that used up its
-    // segment the position is that segment's end, and the segment holding
-    // it, if any, is the next one: one step instead of a descent of the tree.
-    if (bStepped && m_fpos == llPrevEnd) {
-      ++seg;
-      if (seg != map.end() && boost::icl::first(seg->first) != m_fpos) seg = map.end();
+    int64_t llSegFirst, llSegLast;
+    int32_t iSlice;
+    if (bFast) {
+      // The run holding the position: the next one after a pass that used up
+      // its run, else a binary search.
+      if (!(iRun < runs.size() && runs[iRun].first <= m_fpos && m_fpos <= runs[iRun].last)) {
+        auto it = std::upper_bound(runs.begin(), runs.end(), m_fpos,
+                                   [](int64_t pos, const SliceRun& r) { return pos < r.first; });
+        iRun = it == runs.begin() ? runs.size() : static_cast<size_t>(it - runs.begin()) - 1;
+        if (iRun < runs.size() && runs[iRun].last < m_fpos) iRun = runs.size();
+      }
+      if (iRun >= runs.size()) {
+        // A gap: what earlier passes copied is deliberately not counted.
+        return 0;
+      }
+      llSegFirst = runs[iRun].first;
+      llSegLast = runs[iRun].last;
+      iSlice = runs[iRun].slice;
+      ++iRun;
     } else {
-      seg = map.find(m_fpos);
+      // The segment holding the position.  After a pass that used up its
+      // segment the position is that segment's end, and the segment holding
+      // it, if any, is the next one: one step instead of a descent of the tree.
+      if (bStepped && m_fpos == llPrevEnd) {
+        ++seg;
+        if (seg != map.end() && boost::icl::first(seg->first) != m_fpos) seg = map.end();
+      } else {
+        seg = map.find(m_fpos);
+      }
+      if (seg == map.end()) {
+        // A gap: what earlier passes copied is deliberately not counted.
+        WRITE_TRACE(3, "tq_vfs_vfile::read m_fpos not found in interval tree ");
+        return 0;
+      }
+      llSegFirst = boost::icl::first(seg->first);
+      llSegLast = boost::icl::last(seg->first);
+      bStepped = true;
+      llPrevEnd = llSegLast + 1;
+      iSlice = NewestOf(slices_, map_->mTimes, seg->second);
     }
-    if (seg == map.end()) {
-      // A gap: what earlier passes copied is deliberately not counted.
-      WRITE_TRACE(3, "tq_vfs_vfile::read m_fpos not found in interval tree ");
-      return 0;
-    }
-    const int64_t llSegFirst = boost::icl::first(seg->first);
-    const int64_t llSegLast = boost::icl::last(seg->first);
-    bStepped = true;
-    llPrevEnd = llSegLast + 1;
-    const int32_t iSlice = NewestOf(slices_, map_->mTimes, seg->second);
     const uint64_t segRest = static_cast<uint64_t>(llSegLast - m_fpos) + 1;
     const uint64_t chunk = remaining < segRest ? remaining : segRest;
     WRITE_TRACE(3, "tq_vfs_vfile::read interval cbrSliceIdx = %d begin: %llu interval end: %llu to read: %llu", iSlice,
