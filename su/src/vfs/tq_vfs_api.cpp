@@ -126,9 +126,11 @@ int Lookup(const std::string& path, LIS_NODE** out) {
     }
     std::wstring wide;
     if (!korvo::mbstowcsl(part.data(), part.size(), ".UTF-8,,ISO-8859", &wide)) return ENOENT;
-    LISCacheLock();
-    LIS_NODE* child = LISCacheFindChild(node, wide.c_str(), wide.size(), true);
-    LISCacheUnlock();
+    LIS_NODE* child;
+    {
+      LISCacheGuard lock;
+      child = LISCacheFindChild(node, wide.c_str(), wide.size(), true);
+    }
     if (!child) return ENOENT;
     node = child;
   }
@@ -182,9 +184,10 @@ int List(const std::string& path, std::vector<NodeInfo>* entries) {
     if (rc != 0) return rc;
   }
   std::vector<LIS_NODE*> children;
-  LISCacheLock();
-  children = dir->vChildren;
-  LISCacheUnlock();
+  {
+    LISCacheGuard lock;
+    children = dir->vChildren;
+  }
   for (LIS_NODE* child : children)
     entries->push_back(Describe(child, JoinPath(path, korvo::wcstombs_utf8(child->wsName.c_str()))));
   return 0;

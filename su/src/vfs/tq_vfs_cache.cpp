@@ -158,14 +158,6 @@ void ForgetLookup() {
   s_lookup.wsPath.shrink_to_fit();
 }
 
-class CsGuard {
- public:
-  CsGuard() { LISCacheLock(); }
-  ~CsGuard() { LISCacheUnlock(); }
-  CsGuard(const CsGuard&) = delete;
-  CsGuard& operator=(const CsGuard&) = delete;
-};
-
 // A catalog time in 8 bytes; a cleared record (no day) is "unknown".
 PACKED_TIME Pack(const struct tm& tm, bool emulated) {
   PACKED_TIME t{};
@@ -298,7 +290,7 @@ LIS_NODE* LISCacheNewNode(const std::wstring& name, char type) {
 }
 
 void LISCacheAppendChild(LIS_NODE* dir, LIS_NODE* child) {
-  CsGuard g;
+  LISCacheGuard g;
   child->pParent = dir;
   dir->vChildren.push_back(child);
   if (dir->pIndex != nullptr) {
@@ -310,7 +302,7 @@ void LISCacheAppendChild(LIS_NODE* dir, LIS_NODE* child) {
 
 LIS_NODE* LISCacheFindChild(LIS_NODE* dir, const wchar_t* name, size_t nameLen, bool ignoreCase) {
   if (dir == nullptr || name == nullptr) return nullptr;
-  CsGuard g;
+  LISCacheGuard g;
   return FindChildLocked(dir, name, nameLen, ignoreCase);
 }
 
@@ -343,7 +335,7 @@ void LISCacheFillFromEntry(LIS_NODE* node, const LIS_ENTRY& entry) {
 }
 
 LIS_NODE* LISCacheInsertEntry(LIS_NODE* dir, const LIS_ENTRY& entry) {
-  CsGuard g;
+  LISCacheGuard g;
   if (!dir->bChildrenPopulated) dir->bChildrenPopulated = true;
   const std::wstring& name = entry.wsBaseName;
   LIS_NODE* child = FindChildLocked(dir, name.data(), name.size(), true);
@@ -373,7 +365,7 @@ LIS_NODE* LISCacheFind(LIS_NODE* start, const wchar_t* path, bool ignoreCase) {
   }
   LIS_NODE* node;
   {
-    CsGuard g;
+    LISCacheGuard g;
     node = LISCacheFindEntryRecursive(start, path, ignoreCase);
   }
   if (node != nullptr) {
@@ -394,7 +386,7 @@ LIS_NODE* LISCacheFind(LIS_NODE* start, const wchar_t* path, bool ignoreCase) {
 // caching each level's remainder would key answers to the wrong start node.
 LIS_NODE* LISCacheFindEntryRecursive(LIS_NODE* node, const wchar_t* path, bool ignoreCase) {
   if (node == nullptr || path == nullptr) return nullptr;
-  CsGuard g;
+  LISCacheGuard g;
   for (;;) {
     WRITE_TRACE(3, "LISCacheFindEntryRecursive [%ls]", path);
     if (path[0] != L'/') return nullptr;
@@ -422,7 +414,7 @@ LIS_NODE* LISCacheBuildTree(LIS_NODE* start, const wchar_t* path, bool ignoreCas
   if (start == nullptr || path == nullptr) return nullptr;
   WRITE_TRACE(2, "--> LISCacheBuildTree [%ls]", path);
   const bool markCreated = reserved != nullptr && *static_cast<const bool*>(reserved);
-  CsGuard g;
+  LISCacheGuard g;
   LIS_NODE* node = start;
   const wchar_t* p = path;
   while (*p == L'/') ++p;
@@ -459,7 +451,7 @@ wint_t LISCacheFold(wchar_t c) { return Fold(c); }
 // milliseconds); the lines only at level 3.
 uint64_t LISCacheDump(LIS_NODE* node) {
   if (node == nullptr) return 0;
-  CsGuard g;
+  LISCacheGuard g;
   return DumpLocked(node);
 }
 
@@ -468,6 +460,6 @@ uint64_t LISCacheDump(LIS_NODE* node) {
 uint64_t LISCacheDestroy(LIS_NODE* node) {
   if (node == nullptr) return 0;
   ForgetLookup();  // first, so that no lookup returns a node being freed
-  CsGuard g;
+  LISCacheGuard g;
   return DestroyLocked(node);
 }

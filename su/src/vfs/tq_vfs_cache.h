@@ -84,6 +84,14 @@ LIS_NODE* LISCacheRoot();
 uint64_t LISCacheTerminate();
 void LISCacheLock();
 void LISCacheUnlock();
+// Holds the cache's critical section for a scope.
+class LISCacheGuard {
+ public:
+  LISCacheGuard() { LISCacheLock(); }
+  ~LISCacheGuard() { LISCacheUnlock(); }
+  LISCacheGuard(const LISCacheGuard&) = delete;
+  LISCacheGuard& operator=(const LISCacheGuard&) = delete;
+};
 
 // ---- nodes -----------------------------------------------------------------
 // A new node (zero-filled fields, children empty).

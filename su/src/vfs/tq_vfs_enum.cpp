@@ -90,14 +90,6 @@ void DropDriveColon(std::wstring* name) {
   if (name->size() > 1 && name->back() == L':') name->pop_back();
 }
 
-class CsGuard {
- public:
-  CsGuard() { LISCacheLock(); }
-  ~CsGuard() { LISCacheUnlock(); }
-  CsGuard(const CsGuard&) = delete;
-  CsGuard& operator=(const CsGuard&) = delete;
-};
-
 // True for the data types whose streams can locate an entry's data.
 bool HasStreamUpdate(int32_t dataType) { return dataType == sdtCPIO || dataType == sdtMTF || dataType == sdtDUMP; }
 
@@ -263,7 +255,7 @@ int32_t GetSavesetEntries(const char* searchPath, bool folderSearch, bool exactI
   }
   const SearchForms forms = MakeSearchForms(path);
 
-  CsGuard cs;  // the whole fill, so that no reader sees a half-filled directory
+  LISCacheGuard cs;  // the whole fill, so that no reader sees a half-filled directory
   LIS_NODE* dir = LISCacheFind(root, forms.wsFindPath.c_str(), true);
   if (dir != nullptr && dir->bChildrenPopulated) {
     WRITE_TRACE(2, "Found [%ls] children populated [%d]", dir->wsName.c_str(), 1);
@@ -360,7 +352,7 @@ uint64_t BuildCompleteTree(const char* searchPath) {
   WRITE_TRACE(2, "+++ BuildCompleteTree");
   uint64_t count = 0;
   {
-    CsGuard cs;
+    LISCacheGuard cs;
     // Below a directory, the path down to it is built (once the catalog is
     // seen to hold something there) without marking its nodes populated:
     // their other entries are not read.
@@ -407,7 +399,7 @@ uint64_t BuildCompleteTree(const char* searchPath) {
 const std::vector<LIS_NODE*>& VfsFileTable() { return s_fileTable; }
 
 uint64_t VfsFileTableAppend(LIS_NODE* node) {
-  CsGuard cs;
+  LISCacheGuard cs;
   if (node->fileId == 0) {
     s_fileTable.push_back(node);
     node->fileId = s_fileTable.size();
@@ -416,7 +408,7 @@ uint64_t VfsFileTableAppend(LIS_NODE* node) {
 }
 
 void VfsEnumReset() {
-  CsGuard cs;
+  LISCacheGuard cs;
   std::vector<LIS_NODE*>().swap(s_fileTable);
 }
 

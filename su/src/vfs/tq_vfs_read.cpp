@@ -94,10 +94,8 @@ uint64_t ReadFromMAPPER_FS(const char* context, LIS_NODE* node, uint64_t fileOff
 // keeps two readers from doing it at once.  false when it cannot be found.
 bool LocateOnce(LIS_NODE* node) {
   if (node->sLoc.relOff != 0) return true;
-  LISCacheLock();
-  int rc = node->sLoc.relOff == 0 ? VfsUpdateEntryFromSaveset(node, NodeNarrowPath(node).c_str()) : 0;
-  LISCacheUnlock();
-  return rc == 0;
+  LISCacheGuard lock;
+  return node->sLoc.relOff != 0 || VfsUpdateEntryFromSaveset(node, NodeNarrowPath(node).c_str()) == 0;
 }
 
 }  // namespace
