@@ -172,9 +172,10 @@ TEST_F(DedupTest, Vk4StreamSeeksByRewindAndSkip) {
   EXPECT_EQ(1u, Count(log, "bytes=0 "));
 }
 
-// One block larger than Thrift's default frame limit (16 MB) arrives whole.
-TEST_F(DedupTest, Vk4ReadsOfTwentyMegabytesInOneCall) {
-  const std::string big = Pattern(20u << 20);
+// The largest block one read asks for (64 MiB, four times Thrift's default
+// frame limit) arrives whole in one call.
+TEST_F(DedupTest, Vk4ReadsOfSixtyFourMegabytesInOneCall) {
+  const std::string big = Pattern(static_cast<size_t>(kDedupMaxRead));
   tvutest::WriteFile(dir_ / "big.cpio", big);
   Start();
   int32_t idx = AppendDedup(smVK4, "big.cpio");
