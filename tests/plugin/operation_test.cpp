@@ -134,6 +134,20 @@ TEST_F(OperationTest, SavesetShorterThanItsCatalogFailsInsteadOfDeliveringAShort
       << e.szMessage;
 }
 
+TEST_F(OperationTest, LineBeforeItsRunsStartFailsTheStream) {
+  WriteFile(meta("CON.lsl"), Line("b", 'f', 20, 8, kFull) + Line("a", 'f', 0, 8, kFull));
+  ASSERT_EQ(DB_NUM_I_OK, Init());
+  std::vector<char> buf(1024);
+  uint32_t len = 1024;
+  EXPECT_EQ(DB_NUM_E_FAILED, DB_ReadBlock(buf.data(), &len, nullptr, nullptr));
+  EXPECT_EQ(0u, len);
+  DB_ERROR e;
+  DB_GetError(&e);
+  EXPECT_NE(std::string::npos, std::string(e.szMessage).find("Catalog line [a] of saveset 0 ends at 8, before its run "
+                                                             "starts at 20"))
+      << e.szMessage;
+}
+
 TEST_F(OperationTest, ControlVariables) {
   WriteFile(meta("CON.lsl"), Line("d", 'd', 0, 4, kFull));
   EXPECT_EQ(2u, Init("DATABASE=CON"));

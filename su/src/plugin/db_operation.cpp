@@ -72,9 +72,11 @@ void LogReadData(const LIS_ENTRY& e) {
           static_cast<unsigned long long>(e.ullOffset));
 }
 
-// Collects the next run from the consolidated catalog.  Returns false at the
-// end of the catalog with nothing collected.
-bool CollectRun() {
+enum CollectResult { crEND, crRUN, crERROR };
+
+// Collects the next run from the consolidated catalog: crEND at the end of
+// the catalog with nothing collected, crERROR for a line the run cannot take.
+CollectResult CollectRun() {
   bool bTaken = false;
   uint64_t ullStart = 0, ullEnd = 0;
   for (;;) {
@@ -95,6 +97,15 @@ bool CollectRun() {
       break;
     }
     if (!bTaken) ullStart = e.ullOffset;
+    if (e.ullOffset + e.ullSize < ullStart) {
+      // A run reaches from its first line's offset to its last line's end; a
+      // line that ends before the run starts would make that length negative.
+      tvu_log_error("Catalog line [%s] of saveset %d ends at %llu, before its run starts at %llu: the consolidated "
+                    "catalog lists the items of a saveset out of their order",
+                    e.sPath.c_str(), e.iSavesetIdx, static_cast<unsigned long long>(e.ullOffset + e.ullSize),
+                    static_cast<unsigned long long>(ullStart));
+      return crERROR;
+    }
     ullEnd = e.ullOffset + e.ullSize;
     s_op.iRunSaveset = e.iSavesetIdx;
     s_op.iCollectSaveset = e.iSavesetIdx;
@@ -103,7 +114,7 @@ bool CollectRun() {
     s_op.ullRunPos = ullStart;
     s_op.ullRunRemaining = ullEnd - ullStart;
   }
-  return bTaken;
+  return bTaken ? crRUN : crEND;
 }
 
 }  // namespace
@@ -168,9 +179,16 @@ uint32_t OperationReadBlock(char* buffer, uint32_t* length) {
   tvu_log(TQ_LOG_DETAIL, "uipIO_DBBlockLen %llu", static_cast<unsigned long long>(*length));
   tvu_trace("DB_ReadBlock");
 
-  if (s_op.ullRunRemaining == 0 && !CollectRun()) {
-    *length = 0;
-    return DB_NUM_I_END;
+  if (s_op.ullRunRemaining == 0) {
+    CollectResult collected = CollectRun();
+    if (collected == crERROR) {
+      *length = 0;
+      return DB_NUM_E_FAILED;
+    }
+    if (collected == crEND) {
+      *length = 0;
+      return DB_NUM_I_END;
+    }
   }
 
   uint64_t requested = *length;
