@@ -14,9 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "archive/cpio_format.h"
 #include "plugin/db_hooks.h"
 #include "runtime/trace.h"
+#include "support/cpio_fixture.h"
 #include "support/test_util.h"
 #include "vfs/tq_vfs_cache.h"
 #include "vfs/tq_vfs_catalog.h"
@@ -58,17 +58,10 @@ class MapperTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Reset();
-    data_.clear();
-    for (int i = 0; i < 100; ++i) data_ += static_cast<char>('A' + i % 26);
-    cpio::Header h{};
-    h.mode = 0100644;
-    h.nlink = 1;
-    h.filesize = data_.size();
-    h.name = "d/item";
-    std::string record, why;
-    ASSERT_TRUE(cpio::EncodeRecordHeader(cpio::Format::kNewc, h, &record, &why)) << why;
-    dataRel_ = record.size();
-    stream_ = std::string(40, '#') + record + data_;
+    const tvutest::OneRecordSaveset fixture = tvutest::MakeOneRecordSaveset(40);
+    data_ = fixture.data;
+    dataRel_ = fixture.dataRel;
+    stream_ = fixture.stream;
     tvutest::WriteFile(tmp_ / (std::string(kSaveset) + ".cpio"), stream_);
 
     SAVESET s;

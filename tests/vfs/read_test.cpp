@@ -6,8 +6,8 @@
 #include <cstring>
 #include <string>
 
-#include "archive/cpio_format.h"
 #include "runtime/trace.h"
+#include "support/cpio_fixture.h"
 #include "support/test_util.h"
 #include "vfs/tq_vfs_cache.h"
 #include "vfs/tq_vfs_catalog.h"
@@ -23,17 +23,10 @@ class ReadTest : public ::testing::Test {
  protected:
   void SetUp() override {
     // 40 bytes of filler, then one newc record "d/item" with 100 bytes of data.
-    data_.clear();
-    for (int i = 0; i < 100; ++i) data_ += static_cast<char>('A' + i % 26);
-    cpio::Header h{};
-    h.mode = 0100644;
-    h.nlink = 1;
-    h.filesize = data_.size();
-    h.name = "d/item";
-    std::string record, why;
-    ASSERT_TRUE(cpio::EncodeRecordHeader(cpio::Format::kNewc, h, &record, &why)) << why;
-    dataRel_ = record.size();
-    stream_ = std::string(40, '#') + record + data_;
+    const tvutest::OneRecordSaveset fixture = tvutest::MakeOneRecordSaveset(40);
+    data_ = fixture.data;
+    dataRel_ = fixture.dataRel;
+    stream_ = fixture.stream;
     tvutest::WriteFile(dir_ / "SF20261101020000.cpio", stream_);
 
     SAVESET s;
