@@ -32,12 +32,12 @@
 #include <cwchar>
 
 #include "archive/cpio_format.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_common.h"
-#include "vfs/tq_vfs_init.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_timer.h"
 
 #ifndef TVU_BUILD_ID
 #define TVU_BUILD_ID "development build"

@@ -1,11 +1,9 @@
-// db_hooks.cpp - log, trace and error hooks, the status file and the notes file.
+// db_hooks.cpp - the hook entry points: DB_SetLog, DB_SetTrace, DB_SetError,
+// DB_GetError, and the exported g_tq_log_ptr.
 #include "plugin/db_hooks.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <string>
 
 #include "platform/platform.h"
 #include "runtime/trace.h"
@@ -16,15 +14,7 @@ TVU_EXPORT TQ_LOG_FN g_tq_log_ptr = nullptr;
 
 namespace {
 
-constexpr size_t kFormatBuffer = 2048;        // log and trace texts: 2047 characters at most
-constexpr size_t kDedupMessageBuffer = 9216;  // dedup library messages: 9215 at most
-
-VTTVU_LOG_FN s_hostLog = nullptr;   // the host's exported "vttvu_log"
-DB_TEXT_FN s_fallbackLog = nullptr; // the function given to DB_SetLog
-DB_TEXT_FN s_traceFn = nullptr;     // the function given to DB_SetTrace
-DB_ERROR s_error;                   // zero-initialised: empty kind, code 0
-std::string s_statusFile;
-std::string s_notesFile;
+constexpr size_t kFormatBuffer = 2048;  // log texts: 2047 characters at most
 
 // The module's own log function, published through g_tq_log_ptr.
 void tq_log(int32_t level, const char* format, ...) {
@@ -44,150 +34,10 @@ void tvu_log2trace(int32_t level, const char* format, ...) {
   korvo::write_trace(1, "[%d] %s", level, text);
 }
 
-void SetErrorRecordV(uint32_t code, const char* format, va_list args) {
-  memset(s_error.szKind, 0, sizeof s_error.szKind);
-  memset(s_error.szMessage, 0, sizeof s_error.szMessage);
-  snprintf(s_error.szKind, sizeof s_error.szKind, "%s", "ERROR");
-  s_error.uiCode = code;
-  vsnprintf(s_error.szMessage, sizeof s_error.szMessage, format, args);
-}
-
 }  // namespace
 
-void tvu_log_v(int32_t level, const char* format, va_list args) {
-  if (s_hostLog) {
-    s_hostLog(0, level, format, args);
-  } else if (s_fallbackLog) {
-    char text[kFormatBuffer];
-    vsnprintf(text, sizeof text, format, args);
-    s_fallbackLog(text);
-  }
-}
-
-void tvu_log(int32_t level, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  tvu_log_v(level, format, args);
-  va_end(args);
-}
-
-void tvu_log_error(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  va_list copy;
-  va_copy(copy, args);
-  SetErrorRecordV(DB_NUM_E_FAILED, format, copy);
-  va_end(copy);
-  tvu_log_v(TQ_LOG_ERROR, format, args);
-  va_end(args);
-}
-
-void tvu_trace(const char* format, ...) {
-  if (!s_traceFn) return;
-  char text[kFormatBuffer];
-  va_list args;
-  va_start(args, format);
-  vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  s_traceFn(text);
-}
-
-// Formats a message of any length (the status file keeps it whole).
-static std::string FormatWhole(const char* format, va_list args) {
-  va_list copy;
-  va_copy(copy, args);
-  int n = vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-  if (n > 0) vsnprintf(&text[0], text.size() + 1, format, args);
-  return text;
-}
-
-static void WriteStatusLine(const char* kind, std::string message) {
-  if (s_statusFile.empty()) return;
-  FILE* fp = pf::FOpen(s_statusFile.c_str(), "w+");
-  if (!fp) return;
-  char when[32] = "";
-  struct tm tmNow;
-  if (pf::LocalTime(time(nullptr), &tmNow)) strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &tmNow);
-  // Messages written to the standard error stream carry their own line end;
-  // the status file has exactly one line.
-  while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
-  fprintf(fp, "%s %s INFO=%s\n", when, kind, message.c_str());
-  fclose(fp);
-}
-
-void tvu_fatal_report(const char* kind, const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::string message = FormatWhole(format, args);
-  va_end(args);
-  WriteStatusLine(kind, message);
-}
-
-void tvu_fatal(const char* format, ...) {
-  va_list args;
-  va_start(args, format);
-  std::string text = FormatWhole(format, args);
-  va_end(args);
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  WriteStatusLine("ERROR", text);
-  korvo::write_trace(1, "FATAL: %s", text.c_str());
-  // The client learns why the process ends through its log.
-  tvu_log(TQ_LOG_ERROR, "%s", text.c_str());
-  fflush(stdout);
-  fflush(stderr);
-  exit(1);
-}
-
-void tvu_note(const char* format, ...) {
-  if (s_notesFile.empty()) return;
-  FILE* fp = pf::FOpen(s_notesFile.c_str(), "a");
-  if (!fp) return;
-  va_list args;
-  va_start(args, format);
-  vfprintf(fp, format, args);
-  va_end(args);
-  fputc('\n', fp);
-  fclose(fp);
-}
-
-void tvu_set_meta_dir(const char* metaDir) {
-  s_statusFile = std::string(metaDir) + "tvu_con.status";
-  s_notesFile = std::string(metaDir) + "tvu_con.notes";
-}
-
-const char* tvu_status_file() { return s_statusFile.c_str(); }
-const char* tvu_notes_file() { return s_notesFile.c_str(); }
-
-int tvu_dedup_message(const char* text) {
-  if (!text) return 0;
-  // "%lN text": N is a level digit; the level decides the prefix and the trace
-  // level at which the line is written.
-  if (text[0] == '%' && text[1] == 'l' && text[2] >= '0' && text[2] <= '9' && text[3] == ' ') {
-    const char* prefix;
-    int needed;
-    switch (text[2]) {
-      case '0': prefix = "Error: "; needed = 0; break;
-      case '1': prefix = "Warning: "; needed = 0; break;
-      case '2': prefix = "Info: "; needed = 1; break;
-      case '3': prefix = "Trace: "; needed = 2; break;
-      default: prefix = "Debug: "; needed = 3; break;
-    }
-    static thread_local char line[kDedupMessageBuffer];
-    snprintf(line, sizeof line, "%s %s", prefix, text + 4);
-    if (korvo::trace_level() >= needed) korvo::write_trace(needed > 0 ? needed : 0, "%s", line);
-    return 0;
-  }
-  WRITE_TRACE(1, "%s", text);
-  return 0;
-}
-
 void tvu_hooks_reset_for_test() {
-  s_hostLog = nullptr;
-  s_fallbackLog = nullptr;
-  s_traceFn = nullptr;
-  memset(&s_error, 0, sizeof s_error);
+  tvu_report_reset();
   g_tq_log_ptr = nullptr;
 }
 
@@ -196,8 +46,8 @@ void tvu_hooks_reset_for_test() {
 extern "C" {
 
 TVU_EXPORT uint32_t DB_SetLog(DB_TEXT_FN fn) {
-  s_hostLog = reinterpret_cast<VTTVU_LOG_FN>(pf::HostSymbol("vttvu_log"));
-  if (!s_hostLog) s_fallbackLog = fn;
+  auto hostLog = reinterpret_cast<VTTVU_LOG_FN>(pf::HostSymbol("vttvu_log"));
+  tvu_report_set_log(hostLog, hostLog ? nullptr : fn);
   g_tq_log_ptr = tq_log;
   korvo::trace("%l4 SetKorvoCommonLogFunction set g_tq_log_ptr %p", reinterpret_cast<void*>(g_tq_log_ptr));
   if (g_tq_log_ptr) {
@@ -208,12 +58,12 @@ TVU_EXPORT uint32_t DB_SetLog(DB_TEXT_FN fn) {
                  reinterpret_cast<void*>(g_tq_log_ptr));
   }
   tvu_log(TQ_LOG_DETAIL, "DB_SetLog");
-  return s_hostLog ? DB_NUM_I_OK : DB_NUM_E_FAILED;
+  return hostLog ? DB_NUM_I_OK : DB_NUM_E_FAILED;
 }
 
 TVU_EXPORT uint32_t DB_SetTrace(DB_TEXT_FN fn) {
   if (!fn) return DB_NUM_E_FAILED;
-  s_traceFn = fn;
+  tvu_report_set_trace(fn);
   tvu_trace("DB_SetTrace");
   return DB_NUM_I_OK;
 }
@@ -222,15 +72,15 @@ TVU_EXPORT uint32_t DB_SetError(uint32_t code, const char* format, ...) {
   tvu_trace("DB_SetError");
   va_list args;
   va_start(args, format);
-  SetErrorRecordV(code, format ? format : "", args);
+  uint32_t n = tvu_set_error_v(code, format, args);
   va_end(args);
-  return static_cast<uint32_t>(strlen(s_error.szMessage));
+  return n;
 }
 
 TVU_EXPORT uint32_t DB_GetError(DB_ERROR* error) {
   tvu_trace("DB_GetError");
   if (!error) return DB_NUM_I_OK;
-  memcpy(error, &s_error, sizeof *error);
+  memcpy(error, &tvu_error_record(), sizeof *error);
   if (error->szMessage[0] == '\0') snprintf(error->szMessage, sizeof error->szMessage, "%s", "tvu_con error");
   return DB_NUM_I_OK;
 }

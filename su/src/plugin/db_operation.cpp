@@ -14,8 +14,8 @@
 #include <string>
 
 #include "platform/platform.h"
-#include "plugin/chain_setup.h"
-#include "plugin/con_args.h"
+#include "vfs/tq_vfs_chain.h"
+#include "vfs/tq_vfs_args.h"
 #include "plugin/db_hooks.h"
 #include "runtime/ini.h"
 #include "runtime/text.h"

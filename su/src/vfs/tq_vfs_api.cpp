@@ -6,8 +6,8 @@
 #include <mutex>
 
 #include "platform/platform.h"
-#include "plugin/chain_setup.h"
-#include "plugin/db_hooks.h"
+#include "vfs/tq_vfs_chain.h"
+#include "report/tvu_report.h"
 #include "runtime/text.h"
 #include "tvu_con.h"
 #include "vfs/tq_vfs_cache.h"
@@ -83,9 +83,7 @@ int Open(const TreeOptions& options, std::string* error) {
   ResetConsolidationArgs();
   char metaDir[4096];
   if (LoadChain(options.saveset.c_str(), metaDir, sizeof metaDir) != DB_NUM_I_OK) {
-    DB_ERROR e;
-    DB_GetError(&e);
-    *error = e.szMessage;
+    *error = tvu_error_record().szMessage;
     TerminateVFS();
     saveset_table_free();
     return ENOENT;

@@ -11,7 +11,7 @@
 #include <memory>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_regex.h"

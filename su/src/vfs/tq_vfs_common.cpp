@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 
 VFS_OPTIONS gVOPTIONS;
 

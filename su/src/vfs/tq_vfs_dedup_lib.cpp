@@ -7,9 +7,8 @@
 #include <string>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
-#include "vfs/tq_vfs_init.h"
 
 namespace {
 
@@ -48,6 +47,20 @@ void Load() {
 }
 
 }  // namespace
+
+static pf::Mutex* s_hDedupLibMutex = nullptr;
+
+int DedupLibMutexCreate() { return s_hDedupLibMutex ? 0 : pf::MutexCreate(&s_hDedupLibMutex); }
+
+void DedupLibMutexClose() {
+  pf::MutexClose(s_hDedupLibMutex);
+  s_hDedupLibMutex = nullptr;
+}
+
+pf::Mutex* VfsDedupLibraryMutex() {
+  if (!s_hDedupLibMutex) pf::MutexCreate(&s_hDedupLibMutex);
+  return s_hDedupLibMutex;
+}
 
 const TQ_DEDUP_API* DedupLibrary() {
   std::call_once(g_loaded, Load);

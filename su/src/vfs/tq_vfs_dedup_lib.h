@@ -29,4 +29,14 @@ const TQ_DEDUP_API* DedupLibrary();
 void DedupLibLock();
 void DedupLibUnlock();
 
+// The mutex itself: made by InitVFS (0, or non-zero when it cannot be made),
+// closed by TerminateVFS; made on first use when the table is used without
+// InitVFS.
+namespace pf {
+struct Mutex;
+}
+int DedupLibMutexCreate();
+void DedupLibMutexClose();
+pf::Mutex* VfsDedupLibraryMutex();
+
 #endif

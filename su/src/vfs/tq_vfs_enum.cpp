@@ -19,13 +19,14 @@
 
 #include "archive/cpio_stream.h"
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/lis_search.h"
 #include "runtime/text.h"
 #include "runtime/timefmt.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_catalog.h"
 #include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_timer.h"
 
 namespace {
 

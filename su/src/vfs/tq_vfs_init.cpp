@@ -6,46 +6,29 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "plugin/chain_setup.h"
-#include "plugin/con_args.h"
+#include "vfs/tq_vfs_chain.h"
+#include "vfs/tq_vfs_args.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_cache.h"
 #include "vfs/tq_vfs_catalog.h"
 #include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_dedup_lib.h"
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_timer.h"
 #include "vfs/tq_vfs_vdisk.h"
 #include "vfs/tq_vfs_vfile.h"
 #include "vfs/tq_vfs_vmdk.h"
 
 namespace {
 
-struct TIMER {
-  int32_t iStart;
-  int32_t iEnd;
-  int32_t iTotal;
-};
-TIMER s_timers[6];
-pf::Mutex* s_hDedupLibMutex = nullptr;
 bool s_bTerminate = false;
 std::string s_sLslPath;
 std::string s_sLstPath;
 
 }  // namespace
 
-void VfsTimerStart(int group) { s_timers[group].iStart = static_cast<int32_t>(pf::CpuTicksMs()); }
-void VfsTimerStop(int group) {
-  s_timers[group].iEnd = static_cast<int32_t>(pf::CpuTicksMs());
-  s_timers[group].iTotal += s_timers[group].iEnd - s_timers[group].iStart;
-}
-double VfsTimerSeconds(int group) { return s_timers[group].iTotal / 1000.0; }
-
-pf::Mutex* VfsDedupLibraryMutex() {
-  // Normally made by InitVFS; made here when the table is used without it.
-  if (!s_hDedupLibMutex) pf::MutexCreate(&s_hDedupLibMutex);
-  return s_hDedupLibMutex;
-}
 bool VfsTerminating() { return s_bTerminate; }
 
 std::string SiblingCatalogPath(const char* catalogPath, const char* extension) {
@@ -60,7 +43,7 @@ static int InitVFSTree();
 
 int InitVFS(const CON_ARGS* args) {
   WRITE_TRACE(1, "+++InitVFS");
-  memset(s_timers, 0, sizeof s_timers);
+  VfsTimerReset();
   if (gVOPTIONS.iStartDelaySec > 0) pf::SleepMs(static_cast<uint32_t>(gVOPTIONS.iStartDelaySec) * 1000u);
   CatalogSetSavesetType(args->iSavesetType);
   s_bTerminate = false;
@@ -82,7 +65,7 @@ int InitVFS(const CON_ARGS* args) {
 
   WRITE_TRACE(1, "Catalog path = [%s]", args->pszCatalogPath);
   WRITE_TRACE(1, "Open savesets");
-  if (!s_hDedupLibMutex && pf::MutexCreate(&s_hDedupLibMutex) != 0) {
+  if (DedupLibMutexCreate() != 0) {
     WRITE_TRACE(1, "Vk4-NG mutex creation failed");
     return 1;
   }
@@ -163,8 +146,7 @@ void TerminateVFS() {
     pf::MutexClose(g_psSavesets[i].hOpMutex);
     g_psSavesets[i].hOpMutex = nullptr;
   }
-  pf::MutexClose(s_hDedupLibMutex);
-  s_hDedupLibMutex = nullptr;
+  DedupLibMutexClose();
   WRITE_TRACE(1, "+++DestroyLISCache");
   unsigned long long removed = LISCacheTerminate();
   VfsEnumReset();

@@ -10,9 +10,6 @@
 #include <string>
 
 struct CON_ARGS;
-namespace pf {
-struct Mutex;
-}
 
 // Enumeration results of the directory listing.
 enum GET_ENTRIES_RESULT : int32_t { geOK = 0, geERROR = 1, geTerminateInProgress = 2 };
@@ -29,15 +26,7 @@ void TerminateVFS();
 // fewer), each cut to 1024 bytes.
 std::string SiblingCatalogPath(const char* catalogPath, const char* extension);
 
-// The one mutex that serialises calls into the next-generation dedup library.
-pf::Mutex* VfsDedupLibraryMutex();
 // True once TerminateVFS has begun.
 bool VfsTerminating();
-
-// Timing counters: groups 1 to 5 (group 0 unused), ticks in milliseconds.
-enum VFS_TIMER : int { vtCPIO = 1, vtMTF = 2, vtDUMP = 3, vtSLICE = 4, vtTREE = 5 };
-void VfsTimerStart(int group);
-void VfsTimerStop(int group);
-double VfsTimerSeconds(int group);
 
 #endif

@@ -31,7 +31,7 @@
 #include <string>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/text.h"
 #include "runtime/timefmt.h"
 #include "runtime/trace.h"

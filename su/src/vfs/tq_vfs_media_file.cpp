@@ -5,7 +5,7 @@
 #include <cerrno>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_media.h"
 

@@ -2,7 +2,7 @@
 // (zero source, Vk4, Vk4NG) share.
 #include <cstdio>
 
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_media.h"
 

@@ -3,7 +3,7 @@
 // the store only moves forward, so a backward seek rewinds and skips.
 #include <cstdio>
 
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
 #include "tqs/tq_dedup/n7dedup_client2.h"
 #include "vfs/tq_vfs_media.h"

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <string>
 
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_dedup_lib.h"
 #include "vfs/tq_vfs_media.h"

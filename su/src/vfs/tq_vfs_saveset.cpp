@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_common.h"

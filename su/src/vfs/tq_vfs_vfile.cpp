@@ -24,10 +24,11 @@
 #include <set>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
-#include "vfs/tq_vfs_init.h"
+#include "vfs/tq_vfs_dedup_lib.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_timer.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_vfile.h"
 

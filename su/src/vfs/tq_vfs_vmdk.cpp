@@ -13,7 +13,7 @@
 
 #include "archive/cpio_stream.h"
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_cache.h"

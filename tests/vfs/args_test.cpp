@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "plugin/con_args.h"
+#include "vfs/tq_vfs_args.h"
 #include "plugin/db_hooks.h"
 #include "support/test_util.h"
 #include "vfs/tq_vfs_common.h"

@@ -1,16 +1,16 @@
-// chain_setup.h - what a consolidation and the tree mode both read before
+// tq_vfs_chain.h - what a consolidation and the tree mode both read before
 // they start: the product configuration, the meta files folder of the
 // saveset to consolidate, its "consolidate.arg", the saveset list and the
 // consolidated catalog's type.
 //
 // Single-threaded: runs before the operation (or the tree) starts.
-#ifndef TVU_PLUGIN_CHAIN_SETUP_H
-#define TVU_PLUGIN_CHAIN_SETUP_H
+#ifndef TVU_VFS_CHAIN_H
+#define TVU_VFS_CHAIN_H
 
 #include <cstddef>
 #include <cstdint>
 
-#include "plugin/con_args.h"
+#include "vfs/tq_vfs_args.h"
 
 // The module-wide consolidation arguments record, and its reset (cleared
 // record, catalog path buffer of 32767 characters, the saveset table).

@@ -1,6 +1,6 @@
-// chain_setup.cpp - reading the configuration, arguments and saveset list of
+// tq_vfs_chain.cpp - reading the configuration, arguments and saveset list of
 // a chain, and detecting its catalog's type.
-#include "plugin/chain_setup.h"
+#include "vfs/tq_vfs_chain.h"
 
 #include <cstdio>
 #include <cstring>
@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/ini.h"
 #include "runtime/text.h"
 #include "tvu_con.h"
@@ -46,9 +46,9 @@ uint32_t LoadChain(const char* saveset, char* metaDir, size_t metaDirSize) {
     tvu_log(TQ_LOG_PROGRESS,
             "Korvo TQSLIS directory could not be read: [%s], section: %s, variable: [%s]  Reason: [%s]", "TQ_INI",
             "[pathes]", "gv_rw_tqslis", szReason);
-    DB_SetError(DB_NUM_E_FAILED,
-                "Korvo TQSLIS directory could not be read: [%s], section: %s, variable: [%s]  Reason: [%s]", "TQ_INI",
-                "[pathes]", "gv_rw_tqslis", szReason);
+    tvu_set_error(DB_NUM_E_FAILED,
+                  "Korvo TQSLIS directory could not be read: [%s], section: %s, variable: [%s]  Reason: [%s]", "TQ_INI",
+                  "[pathes]", "gv_rw_tqslis", szReason);
     return DB_NUM_E_FAILED;
   }
 

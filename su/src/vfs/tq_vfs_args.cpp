@@ -1,5 +1,5 @@
-// con_args.cpp - reading "consolidate.arg" and the saveset list.
-#include "plugin/con_args.h"
+// tq_vfs_args.cpp - reading "consolidate.arg" and the saveset list.
+#include "vfs/tq_vfs_args.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/platform.h"
-#include "plugin/db_hooks.h"
+#include "report/tvu_report.h"
 #include "runtime/ini.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"

@@ -1,9 +1,9 @@
-// con_args.h - the consolidation arguments ("consolidate.arg") and the
+// tq_vfs_args.h - the consolidation arguments ("consolidate.arg") and the
 // saveset list that fills the saveset table.
 //
 // Single-threaded: read by DB_InitOperation before the operation starts.
-#ifndef TVU_PLUGIN_CON_ARGS_H
-#define TVU_PLUGIN_CON_ARGS_H
+#ifndef TVU_VFS_ARGS_H
+#define TVU_VFS_ARGS_H
 
 #include <cstdint>
 #include <string>
