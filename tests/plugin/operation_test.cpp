@@ -113,6 +113,74 @@ TEST_F(OperationTest, StreamsRunsOfConsecutiveLinesOfOneSaveset) {
   EXPECT_EQ(0u, len);
 }
 
+// A line of size 0 of another saveset between two lines of one saveset makes
+// a run without bytes: that call delivers nothing, and the stream goes on to
+// the catalog's end.
+TEST_F(OperationTest, EmptyRunBetweenLinesOfOneSavesetDoesNotEndTheStream) {
+  WriteFile(meta("CON.lsl"), Line("a", 'f', 0, 8, kFull) + Line("z", 'd', 3, 0, kIncr) + Line("b", 'f', 8, 8, kFull) +
+                                 Line("c", 'f', 4, 6, kIncr));
+  ASSERT_EQ(DB_NUM_I_OK, Init());
+  std::string stream;
+  EXPECT_EQ((std::vector<uint32_t>{8, 0, 8, 6}), ReadAll(1 << 20, &stream));
+  EXPECT_EQ(full_.substr(0, 16) + incr_.substr(4, 6), stream);
+}
+
+// The saveset names of a catalog are looked up in the table of the operation
+// that reads it: a second operation whose list names the same savesets in
+// another order streams from its own table.
+TEST_F(OperationTest, SecondOperationWithSavesetsInAnotherOrderStreamsItsOwnBytes) {
+  WriteFile(meta("CON.lsl"), Line("a", 'f', 2, 6, kFull) + Line("b", 'f', 1, 4, kIncr));
+  const std::string expected = full_.substr(2, 6) + incr_.substr(1, 4);
+  ASSERT_EQ(DB_NUM_I_OK, Init());
+  std::string first;
+  ReadAll(1 << 20, &first);
+  EXPECT_EQ(expected, first);
+  DB_CloseOperation();
+
+  WriteFile(meta("list.txt"), dir_ / "savesets/SI20261102020000.cpio\n" + dir_ / "savesets/SF20261101020000.cpio\n");
+  ASSERT_EQ(DB_NUM_I_OK, Init());
+  std::string second;
+  ReadAll(1 << 20, &second);
+  EXPECT_EQ(expected, second);
+}
+
+// A line longer than the line buffer fails the stream with the catalog's
+// name and the line's number; its tail is never read as an item of its own.
+TEST_F(OperationTest, OverlongCatalogLineFailsTheStream) {
+  const std::string tail = Line("t", 'f', 20, 10, kFull);
+  WriteFile(meta("CON.lsl"), Line("a", 'f', 0, 8, kFull) + "\"" + std::string(40000, 'x') + "\" " + tail);
+  ASSERT_EQ(DB_NUM_I_OK, Init());
+  std::vector<char> buf(1024);
+  uint32_t len = 1024;
+  EXPECT_EQ(DB_NUM_E_FAILED, DB_ReadBlock(buf.data(), &len, nullptr, nullptr));
+  DB_ERROR e;
+  DB_GetError(&e);
+  EXPECT_EQ("Catalog [" + meta("CON.lsl") + "] line 2 is longer than 34498 bytes: the consolidated catalog cannot be read",
+            std::string(e.szMessage));
+
+  // A line that fills the buffer exactly up to its line end is whole.
+  DB_CloseOperation();
+  std::string exact = Line("b", 'f', 8, 8, kFull);
+  exact.insert(0, 34498 - (exact.size() - 1), ' ');
+  WriteFile(meta("CON.lsl"), Line("a", 'f', 0, 8, kFull) + exact + Line("c", 'f', 16, 4, kFull));
+  ASSERT_EQ(DB_NUM_I_OK, Init());
+  std::string stream;
+  ReadAll(1 << 20, &stream);
+  EXPECT_EQ(full_.substr(0, 20), stream);
+}
+
+// A catalog path far longer than a file name is used whole.
+TEST_F(OperationTest, LongCatalogPathIsUsedWhole) {
+  std::string dir = meta("");
+  for (int i = 0; i < 5; ++i) dir += std::string(250, static_cast<char>('a' + i)) + "/";
+  WriteFile(dir + "CON.lsl", Line("a", 'f', 2, 6, kFull));
+  WriteFile(meta("consolidate.arg"), "-f\n" + meta("list.txt") + "\n-l\n" + dir + "CON.lsl\n-t\ncpio\n");
+  ASSERT_EQ(DB_NUM_I_OK, Init());
+  std::string stream;
+  ReadAll(1 << 20, &stream);
+  EXPECT_EQ(full_.substr(2, 6), stream);
+}
+
 TEST_F(OperationTest, EmptyCatalogEndsAtOnce) {
   WriteFile(meta("CON.lsl"), "Tape ID: CON Tape Label: CON Format: CPIO LIS: 2.0\n");
   ASSERT_EQ(DB_NUM_I_OK, Init());

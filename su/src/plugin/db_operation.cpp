@@ -43,11 +43,13 @@ struct OPERATION {
   uint64_t ullRunPos;
   uint64_t ullRunRemaining;
   int32_t iCollectSaveset;       // saveset of the run being collected; -1: none
-  LIS_ENTRY sPending;            // non-zero size: parsed, not yet taken into a run
+  LIS_ENTRY sPending;            // the parsed line that opens the next run
+  bool bPending;                 // sPending is parsed and not yet taken into a run
   uint64_t ullTotalServed;
+  uint64_t ullCatalogLine;       // number of the last catalog line read
 };
 
-OPERATION s_op{0, 0, nullptr, nullptr, false, "", nullptr, 0, 0, 0, -1, LIS_ENTRY(), 0};
+OPERATION s_op{0, 0, nullptr, nullptr, false, "", nullptr, 0, 0, 0, -1, LIS_ENTRY(), false, 0, 0};
 char s_szLine[LIS_LINE_BUFFER];
 
 void EnsureFinishEvent() {
@@ -60,8 +62,9 @@ void ResetRun() {
   s_op.ullRunPos = 0;
   s_op.ullRunRemaining = 0;
   s_op.iCollectSaveset = -1;
-  s_op.sPending.ullSize = 0;
+  s_op.bPending = false;
   s_op.ullTotalServed = 0;
+  s_op.ullCatalogLine = 0;
 }
 
 void LogReadData(const LIS_ENTRY& e) {
@@ -74,21 +77,46 @@ void LogReadData(const LIS_ENTRY& e) {
 
 enum CollectResult { crEND, crRUN, crERROR };
 
+// Reads the next catalog line into s_szLine without its line end.  0 at the
+// catalog's end, 1 for a line, -1 for a line longer than the buffer: its
+// tail would otherwise be read as a line of its own and its bytes streamed.
+int ReadCatalogLine() {
+  if (!s_op.fpCatalog || !fgets(s_szLine, sizeof s_szLine, s_op.fpCatalog)) return 0;
+  ++s_op.ullCatalogLine;
+  size_t n = strlen(s_szLine);
+  if (n == 0 || s_szLine[n - 1] != '\n') {
+    // No line end read: the line ends here only at the end of the file or
+    // when its line end is the next character.
+    int c = getc(s_op.fpCatalog);
+    if (c != EOF && c != '\n') {
+      ungetc(c, s_op.fpCatalog);
+      return -1;
+    }
+  }
+  while (n > 0 && (s_szLine[n - 1] == '\n' || s_szLine[n - 1] == '\r')) s_szLine[--n] = '\0';
+  return 1;
+}
+
 // Collects the next run from the consolidated catalog: crEND at the end of
 // the catalog with nothing collected, crERROR for a line the run cannot take.
+// A run may hold no bytes (lines of size 0 only): the call then delivers
+// nothing and the next one goes on; only the catalog's end ends the stream.
 CollectResult CollectRun() {
   bool bTaken = false;
   uint64_t ullStart = 0, ullEnd = 0;
   for (;;) {
     LIS_ENTRY& e = s_op.sPending;
-    if (e.ullSize == 0) {
-      if (!s_op.fpCatalog || !fgets(s_szLine, sizeof s_szLine, s_op.fpCatalog)) break;
-      size_t n = strlen(s_szLine);
-      while (n > 0 && (s_szLine[n - 1] == '\n' || s_szLine[n - 1] == '\r')) s_szLine[--n] = '\0';
-      if (ParseSavesetEntry(&e, s_szLine, "fd") != 0) {
-        e.ullSize = 0;
-        continue;
+    if (!s_op.bPending) {
+      const int got = ReadCatalogLine();
+      if (got == 0) break;
+      if (got < 0) {
+        tvu_log_error("Catalog [%s] line %llu is longer than %u bytes: the consolidated catalog cannot be read",
+                      ConsolidationArgs()->pszCatalogPath, static_cast<unsigned long long>(s_op.ullCatalogLine),
+                      static_cast<unsigned>(sizeof s_szLine - 1));
+        return crERROR;
       }
+      if (ParseSavesetEntry(&e, s_szLine, "fd") != 0) continue;
+      s_op.bPending = true;
     }
     LogReadData(e);
     if (s_op.iCollectSaveset != -1 && s_op.iCollectSaveset != e.iSavesetIdx) {
@@ -110,7 +138,7 @@ CollectResult CollectRun() {
     s_op.iRunSaveset = e.iSavesetIdx;
     s_op.iCollectSaveset = e.iSavesetIdx;
     bTaken = true;
-    e.ullSize = 0;  // taken
+    s_op.bPending = false;
     s_op.ullRunPos = ullStart;
     s_op.ullRunRemaining = ullEnd - ullStart;
   }

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 
 #include "platform/platform.h"
 #include "report/tvu_report.h"
@@ -22,10 +23,10 @@ namespace {
 
 // ---- settings -------------------------------------------------------------
 
-// The catalog path as set by the operation (at most 1023 characters and the
-// terminating NUL are kept) and the family its extension names, worked out
+// The catalog path as set by the operation (whole: the arguments allow paths
+// far longer than a file name) and the family its extension names, worked out
 // once here because the line-by-line parser needs it for every line.
-char s_szCatalogPath[1024];
+std::string s_sCatalogPath;
 int32_t s_iPathFamily = ctUNKNOWN;  // ctLIS, ctLSL or ctUNKNOWN
 int32_t s_iSavesetType = sdtUNKNOWN;
 bool s_bLineByLine = false;
@@ -154,11 +155,11 @@ const FirstByteTable kFirstByte;
 // ---- settings ---------------------------------------------------------------
 
 void CatalogSetPath(const char* path) {
-  std::snprintf(s_szCatalogPath, sizeof s_szCatalogPath, "%s", path != nullptr ? path : "");
-  s_iPathFamily = FamilyOfPath(s_szCatalogPath);
+  s_sCatalogPath = path != nullptr ? path : "";
+  s_iPathFamily = FamilyOfPath(s_sCatalogPath.c_str());
 }
 
-const char* CatalogGetPath() { return s_szCatalogPath; }
+const char* CatalogGetPath() { return s_sCatalogPath.c_str(); }
 
 void CatalogSetSavesetType(int32_t type) { s_iSavesetType = type; }
 
@@ -180,7 +181,7 @@ const char* CatalogTypeName(int32_t type) {
 
 void CatalogResetForTest() {
   g_iCatalogType = ctUNKNOWN;
-  s_szCatalogPath[0] = '\0';
+  s_sCatalogPath.clear();
   s_iPathFamily = ctUNKNOWN;
   s_iSavesetType = sdtUNKNOWN;
   s_bLineByLine = false;
@@ -265,7 +266,7 @@ int DetectCatalogType() {
   // Lines are read into a buffer of this size; a longer line is read as
   // several pieces, each of which counts as a line.
   constexpr size_t kFirstLineBuffer = 34500;
-  const char* path = s_szCatalogPath;
+  const char* path = s_sCatalogPath.c_str();
   int32_t type = FamilyOfPath(path);
 
   std::unique_ptr<char[]> line(new char[kFirstLineBuffer]);

@@ -38,7 +38,7 @@ struct LIS_ENTRY {
 
 // Module-wide catalog settings.
 extern int32_t g_iCatalogType;   // CATALOG_TYPE
-void CatalogSetPath(const char* path);          // at most 1024 bytes are kept
+void CatalogSetPath(const char* path);          // kept whole
 const char* CatalogGetPath();
 void CatalogSetSavesetType(int32_t type);        // SAVESET_DATA_TYPE
 int32_t CatalogGetSavesetType();

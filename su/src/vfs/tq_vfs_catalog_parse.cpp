@@ -34,23 +34,20 @@ std::string s_sRewritten;   // the path with its drive bracket rewritten
 std::string s_sSavesetName;
 
 // The last saveset name looked up and its index, valid while the saveset
-// table is the same (same entries array, same count).  Consecutive lines of a
-// consolidated catalog mostly name the same saveset, and the table is filled
-// before any line is parsed.  A table freed and refilled with as many entries
-// that lands at the same address is not noticed; CatalogResetForTest forgets
-// the cache for such cases.
+// table keeps its generation (no entry added, not freed and refilled: a
+// second operation's table may name the same savesets in another order).
+// Consecutive lines of a consolidated catalog mostly name the same saveset,
+// and the table is filled before any line is parsed.
 struct SavesetCache {
   bool bValid = false;
   std::string sName;
-  const SAVESET* psTable = nullptr;
-  int32_t iCount = 0;
+  uint64_t ullGeneration = 0;
   int32_t iIndex = -1;
 };
 SavesetCache s_cache;
 
 int32_t FindSaveset(const std::string& name) {
-  if (s_cache.bValid && s_cache.psTable == g_psSavesets && s_cache.iCount == g_iSavesetCount &&
-      s_cache.sName == name) {
+  if (s_cache.bValid && s_cache.ullGeneration == saveset_table_generation() && s_cache.sName == name) {
     return s_cache.iIndex;
   }
   const int32_t index = saveset_find_by_name(name.c_str());
@@ -58,8 +55,7 @@ int32_t FindSaveset(const std::string& name) {
   s_cache.bValid = index >= 0;
   if (s_cache.bValid) {
     s_cache.sName = name;
-    s_cache.psTable = g_psSavesets;
-    s_cache.iCount = g_iSavesetCount;
+    s_cache.ullGeneration = saveset_table_generation();
     s_cache.iIndex = index;
   }
   return index;

@@ -72,9 +72,9 @@ uint32_t LoadChain(const char* saveset, char* metaDir, size_t metaDirSize) {
   tvu_log(TQ_LOG_PROGRESS, "Initilaized %d savesets to structure psVFS_IP", g_iSavesetCount);
 
   CatalogSetSavesetType(args->iSavesetType);
-  char szDetectPath[1025];
-  snprintf(szDetectPath, sizeof szDetectPath, "%s", args->pszCatalogPath);
-  CatalogSetPath(szDetectPath);
+  // The detector gets the whole path: the arguments allow far longer paths
+  // than a file name, and a cut path names another file.
+  CatalogSetPath(args->pszCatalogPath);
   if (DetectCatalogType() != 0) {
     fprintf(stderr, "Unable to determine catalog type\n");
     tvu_fatal("Unable to determine catalog type");

@@ -35,7 +35,6 @@ std::string SiblingCatalogPath(const char* catalogPath, const char* extension) {
   std::string path(catalogPath);
   if (path.size() > 3) path.resize(path.size() - 4);
   path += extension;
-  if (path.size() > 1023) path.resize(1023);
   return path;
 }
 

@@ -23,7 +23,7 @@ void TerminateVFS();
 
 // Sibling catalog paths: the catalog path with its last four characters
 // replaced by ".lsl" / ".lst" (appended when the path has three characters or
-// fewer), each cut to 1024 bytes.
+// fewer), kept whole.
 std::string SiblingCatalogPath(const char* catalogPath, const char* extension);
 
 // True once TerminateVFS has begun.

@@ -19,6 +19,9 @@
 SAVESET* g_psSavesets = nullptr;
 int32_t g_iSavesetCount = 0;
 static int32_t s_iSavesetCapacity = 0;
+static uint64_t s_ullTableGeneration = 1;
+
+uint64_t saveset_table_generation() { return s_ullTableGeneration; }
 
 const SAVESET_MEDIA_OPS* saveset_media_ops(uint32_t uiMediaType) {
   switch (uiMediaType) {
@@ -56,6 +59,7 @@ int32_t saveset_append(const SAVESET& entry) {
   }
   g_psSavesets[g_iSavesetCount] = entry;
   int32_t idx = g_iSavesetCount++;
+  ++s_ullTableGeneration;
   // A zero source is made while the operation runs: its mutex comes at once.
   if (entry.uiMediaType == smZERO && !entry.hOpMutex) saveset_operation_mutex_create(idx);
   return idx;
@@ -73,6 +77,7 @@ void saveset_table_free() {
   g_psSavesets = nullptr;
   g_iSavesetCount = 0;
   s_iSavesetCapacity = 0;
+  ++s_ullTableGeneration;
 }
 
 int saveset_init(int32_t iSavesetIdx) {

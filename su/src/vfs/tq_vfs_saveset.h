@@ -48,6 +48,9 @@ extern int32_t g_iSavesetCount;
 int32_t saveset_append(const SAVESET& entry);
 // Closes nothing; frees every entry's strings and the table itself.
 void saveset_table_free();
+// Changes whenever an entry is added or the table is freed: what was looked
+// up in the table is valid while the generation stays the same.
+uint64_t saveset_table_generation();
 
 // Creates the entry's operation mutex (media type 1 entries get it at append).
 int saveset_init(int32_t iSavesetIdx);
