@@ -146,17 +146,42 @@ TEST_F(MapperTest, BlankLinesMakeOnlyTheFixedDirectories) {
   EXPECT_NE(std::string::npos, trc.find("+++bitmap_finalize\n")) << trc;
 }
 
-TEST_F(MapperTest, MissingOrUnnamedRulesFileIsNoError) {
+// No rules file named is no error; a named one that is not there ends the
+// process: the tree would lack every file it places.
+TEST_F(MapperTest, UnnamedRulesFileIsNoErrorAMissingOneEndsTheProcess) {
   korvo::trace_configure(1, (tmp_ / "missing.trc").c_str());
-  VfsSetMapperRulesFile(rules_.c_str());  // never written
-  EXPECT_EQ(0, initializeMAPPER_FS(nullptr));
   VfsSetMapperRulesFile(nullptr);
   EXPECT_EQ(0, initializeMAPPER_FS(nullptr));
+  EXPECT_TRUE(root_->vChildren.empty());
+  VfsSetMapperRulesFile(rules_.c_str());  // never written
+  EXPECT_EXIT(initializeMAPPER_FS(nullptr), ::testing::ExitedWithCode(1),
+              Literal("ERROR: cannot read from " + rules_ + "\n"));
   korvo::trace_configure(0, nullptr);
   const std::string trc = tvutest::ReadFile(tmp_ / "missing.trc");
-  EXPECT_NE(std::string::npos, trc.find("mapper file not given. File does not exist\n")) << trc;
   EXPECT_NE(std::string::npos, trc.find("no mapper file given\n")) << trc;
-  EXPECT_TRUE(root_->vChildren.empty());
+  const std::string status = tvutest::ReadFile(meta_ / "tvu_con.status");
+  EXPECT_NE(std::string::npos, status.find(" ERROR INFO=MAPPER cannot read from " + rules_ + "\n")) << status;
+}
+
+// Names that no path in the tree could reach are refused with the rule's line.
+TEST_F(MapperTest, UnreachableNamesAreRefused) {
+  const std::string set = std::string("SAVESET f \"") + kSaveset + "\"";
+  ExpectFatal("\n" + set + " \"..\"\n", "ERROR: MAPPER name '..' is no file name line no: 2",
+              "MAPPER name [..] is no file name line no: 2");
+  ExpectFatal(set + " \"a/b\"\n", "ERROR: MAPPER name 'a/b' is no file name line no: 1",
+              "MAPPER name [a/b] is no file name line no: 1");
+  ExpectFatal("MAPTO \"/x/./y\"\n", "ERROR: MAPPER name '.' is no file name line no: 1",
+              "MAPPER name [.] is no file name line no: 1");
+}
+
+// An empty VMDK path names the VMDK directory itself.
+TEST_F(MapperTest, EmptyVmdkPathLinksTheVmdkDirectory) {
+  LISCacheBuildTree(root_, L"/R/VMDK/disk", true, nullptr);
+  Map("LIS R \"\" \"disks\"\n");
+  LIS_NODE* link = Node(L"/R/MAPPER/disks");
+  ASSERT_NE(nullptr, link);
+  ASSERT_NE(nullptr, link->pMapper);
+  EXPECT_EQ(Node(L"/R/VMDK"), link->pMapper->pNode);
 }
 
 TEST_F(MapperTest, MapToChoosesTheDirectoryOfTheFollowingRules) {

@@ -76,6 +76,15 @@ TEST_F(ReadTest, SavesetItemReadsWithinItsSize) {
   EXPECT_EQ(data_.substr(7, 13), Read(item_, 7, 13));
 }
 
+// Savesets of data type "none" have no entry update: an item the catalog
+// leaves at relative offset 0 is read from its saveset offset.
+TEST_F(ReadTest, NoneItemAtRelativeOffsetZeroReadsFromItsOffset) {
+  CatalogSetSavesetType(sdtNONE);
+  item_->sLoc = {idx_, 40 + static_cast<uint64_t>(dataRel_), 0};
+  EXPECT_EQ(data_.substr(5, 20), Read(item_, 5, 20));
+  EXPECT_EQ(0, item_->sLoc.relOff);
+}
+
 TEST_F(ReadTest, NearEndReadIsTraced) {
   std::string file = dir_ / "trace.log";
   korvo::trace_configure(1, file.c_str());

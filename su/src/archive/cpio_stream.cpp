@@ -87,6 +87,7 @@ struct CpioWalk {
   bool bCompressed = false;
   uint64_t ullRelOffset = 0;    // found or empty: entry offset to the item's data
   uint64_t ullStreamSize = 0;   // found: bytes of the item's data
+  int64_t llStreamTime = -1;    // found or empty: the record's time stamp
   wchar_t wszName[kMaxWideName];  // name of the last record walked, wide as the tree holds names
 };
 
@@ -270,6 +271,7 @@ int WalkCpioBlock(CpioWalk* w, const char* buf, size_t len, size_t* consumed) {
       if (w->pfnCallback(kOpCompareName, h.name.c_str(), 0, w->iSavesetIdx) == kNameMatches) {
         w->ullRelOffset = w->ullWalked + pos + dataOffset;
         w->ullStreamSize = h.filesize;
+        w->llStreamTime = static_cast<int64_t>(h.mtime);
         if (h.filesize == 0)
           w->bEmpty = true;
         else
@@ -401,10 +403,12 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
                 static_cast<unsigned long long>(walk.ullStreamSize));
     entry->llRelOffset = static_cast<int64_t>(rel);
     entry->ullSize = walk.ullStreamSize;
+    entry->llStreamTime = walk.llStreamTime;
   } else if (walk.bEmpty) {
     WRITE_TRACE(2, "Empty file located; relative offset = %llu stream size = %llu", rel, 0ull);
     entry->llRelOffset = 0;
     entry->ullSize = 0;
+    entry->llStreamTime = walk.llStreamTime;
   } else {
     WRITE_TRACE(2, "Cannot locate [%ls] in saveset", entry->wsName.c_str());
     tvu_note("Cannot locate [%s] in saveset [%s] from offset %llu", entry->sName.c_str(),

@@ -190,18 +190,42 @@ Rule SplitRule(const std::string& afterToken, int lineNo) {
   return r;
 }
 
+// A node named "." or "..", or with a "/" in its name, could never be
+// reached by a path in the tree: such a rule ends the process.
+[[noreturn]] void BadNameFatal(const std::wstring& name, int lineNo) {
+  const std::string text = korvo::wcstombs_utf8(name.c_str());
+  RuleFatal(Format("MAPPER name [%s] is no file name line no: %d", text.c_str(), lineNo),
+            Format("ERROR: MAPPER name '%s' is no file name line no: %d\n", text.c_str(), lineNo),
+            Format("MAPPER name [%s] is no file name line no: %d", text.c_str(), lineNo));
+}
+
+bool IsReachableName(const std::wstring& name) {
+  return name != L"." && name != L".." && name.find(L'/') == std::wstring::npos;
+}
+
 // The node's name: the rule's own, else the given default.
-std::wstring NodeName(const Rule& r, const std::wstring& fallback) { return r.hasName ? Wide(r.name) : fallback; }
+std::wstring NodeName(const Rule& r, const std::wstring& fallback) {
+  std::wstring name = r.hasName ? Wide(r.name) : fallback;
+  if (name.empty() || !IsReachableName(name)) BadNameFatal(name, r.lineNo);
+  return name;
+}
 
 // ---- rules -------------------------------------------------------------------
 
 // MAPTO "path": the directory "/R/MAPPER" + path becomes the target (the path
 // brings its own leading slash; without one it extends the name MAPPER).
-void MapTo(const std::string& afterToken, LIS_NODE** target) {
+void MapTo(const std::string& afterToken, int lineNo, LIS_NODE** target) {
   const size_t open = afterToken.find('"');
   const size_t close = open == std::string::npos ? open : afterToken.find('"', open + 1);
   if (close == std::string::npos) return;
   const std::wstring path = kMapperDir + Wide(afterToken.substr(open + 1, close - open - 1));
+  for (size_t from = 0; from <= path.size();) {
+    size_t slash = path.find(L'/', from);
+    if (slash == std::wstring::npos) slash = path.size();
+    const std::wstring part = path.substr(from, slash - from);
+    if (!IsReachableName(part)) BadNameFatal(part, lineNo);
+    from = slash + 1;
+  }
   s_lastMapTo = MakeDirectory(path);
   *target = s_lastMapTo;
 }
@@ -287,8 +311,8 @@ void MapVmdkFile(const Rule& r, LIS_NODE* target) {
   LIS_NODE* root = LISCacheRoot();
   const std::wstring wpath = Wide(r.source);
   LIS_NODE* vmdk = nullptr;
-  // An empty path would name the VMDK directory itself.
-  if (!wpath.empty() && LISCacheFind(root, kVmdkDir, true) != nullptr) {
+  // An empty path names the VMDK directory itself.
+  if (LISCacheFind(root, kVmdkDir, true) != nullptr) {
     vmdk = LISCacheFind(root, (std::wstring(kVmdkDir) + L"/" + wpath).c_str(), true);
   }
   if (vmdk == nullptr) {
@@ -338,7 +362,7 @@ void ProcessLine(const std::string& line, int lineNo, LIS_NODE** target) {
 
   // Tested in this order; a token that is none of these is ignored.
   if (token == "MAPTO") {
-    MapTo(afterToken, target);
+    MapTo(afterToken, lineNo, target);
   } else if (token == "LOCALFS") {
     MapLocalFile(SplitRule(afterToken, lineNo), *target);
   } else if (token == "SAVESET") {
@@ -380,12 +404,11 @@ int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
     return 0;
   }
   WRITE_TRACE(1, "reading rules from  %s", path.c_str());
-  // A rules file that is not there is no error (the caller may name one
-  // that a later step writes); one that is there but cannot be read is.
+  // A rules file that was named must be read: a tree without the files it
+  // places would look complete while it is not.  The test open only traces.
   if (!pf::PathExists(path.c_str())) {
     WRITE_TRACE(1, "mapper file not given. File does not exist");
     WRITE_TRACE(1, "--- initializeMAPPER_FS");
-    return 0;
   }
   FILE* fp = pf::FOpen(path.c_str(), "r");
   if (fp == nullptr) {

@@ -92,8 +92,12 @@ uint64_t ReadFromMAPPER_FS(const char* context, LIS_NODE* node, uint64_t fileOff
 // An item whose relative offset is 0 is found in its stream before its first
 // read; that fills the node's relative offset and size, and the tree's lock
 // keeps two readers from doing it at once.  false when it cannot be found.
+// Only CPIO and MTF savesets have such an entry update; an item of any other
+// data type lies at its saveset offset plus its relative offset.
 bool LocateOnce(LIS_NODE* node) {
   if (node->sLoc.relOff != 0) return true;
+  const int32_t dataType = CatalogGetSavesetType();
+  if (dataType != sdtCPIO && dataType != sdtMTF) return true;
   LISCacheGuard lock;
   return node->sLoc.relOff != 0 || VfsUpdateEntryFromSaveset(node, NodeNarrowPath(node).c_str()) == 0;
 }

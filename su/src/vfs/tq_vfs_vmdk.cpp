@@ -4,6 +4,7 @@
 
 #include <boost/lexical_cast.hpp>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -49,39 +50,80 @@ bool MayMatter(const char* line) {
   return memchr(open, '@', static_cast<size_t>(close - open)) != nullptr;
 }
 
-// Where a changed-block file's data starts in its saveset.  Items the catalog
-// does not place yet are located in their stream first; one that cannot be
-// found ends the process, since the disk would be rebuilt wrong.
-uint64_t LocateChangedBlocks(LIS_ENTRY* e) {
-  if (e->llRelOffset >= 1) return e->ullOffset + static_cast<uint64_t>(e->llRelOffset);
-  int rc = 1;
-  if (CatalogGetSavesetType() == sdtCPIO) {
-    CPIO_ENTRY_UPDATE u;
-    u.iSavesetIdx = e->iSavesetIdx;
-    u.ullSavesetOffset = e->ullOffset;
-    u.sName = e->sPath;
-    u.wsName = e->wsBaseName;
+// Where a changed-block file's data lies in its saveset, and its time stamp
+// in the stream when the walk met its record.
+struct ChangedBlocks {
+  uint64_t ullDataOffset = 0;  // saveset offset of the data
+  uint64_t ullDataSize = 0;    // bytes of the item's data, when known
+  bool bSizeKnown = false;
+  int64_t llStreamTime = -1;   // -1: not known
+};
+
+// Locates a changed-block file's data.  The catalog places it when its
+// relative offset is 1 or more (the fourth number is then the data size);
+// otherwise the entry update of the saveset's format finds it in the stream
+// (CPIO; MTF savesets have no entry update in this build).  A record the walk
+// does not meet, or an empty one, gives no data; only a failed update ends
+// the process, since the disk would be rebuilt wrong.  Dump and "none"
+// savesets have no entry update: their data lies at the saveset offset plus
+// the relative offset, of a size the catalog does not give.  The walk also
+// runs for a placed item whose catalog change time is not valid, for the
+// time stamp in its record.
+ChangedBlocks LocateChangedBlocks(const LIS_ENTRY& e) {
+  ChangedBlocks cb;
+  const int32_t dataType = CatalogGetSavesetType();
+  const bool placed = e.llRelOffset >= 1;
+  if (placed) {
+    cb.ullDataOffset = e.ullOffset + static_cast<uint64_t>(e.llRelOffset);
+    cb.ullDataSize = static_cast<uint64_t>(e.llFourth > 0 ? e.llFourth : 0);
+    cb.bSizeKnown = true;
+  } else if (dataType != sdtCPIO && dataType != sdtMTF) {
+    cb.ullDataOffset = e.ullOffset;
+  }
+  const bool needWalk = !placed || e.bCtimeEmulated;
+  if (!needWalk || (dataType != sdtCPIO && dataType != sdtMTF)) return cb;
+
+  int rc = 1;  // no entry update for MTF savesets yet
+  CPIO_ENTRY_UPDATE u;
+  if (dataType == sdtCPIO) {
+    u.iSavesetIdx = e.iSavesetIdx;
+    u.ullSavesetOffset = e.ullOffset;
+    u.sName = e.sPath;
+    u.wsName = e.wsBaseName;
     u.llRelOffset = 0;
     u.ullSize = 0;
     rc = UpdateFSEntryFromCPIOSaveset(&u);
-    if (rc == 0 && u.ullSize == 0 && u.llRelOffset == 0) rc = 1;  // not in its stream
-    if (rc == 0) e->llRelOffset = u.llRelOffset;
   }
   if (rc != 0) {
+    if (placed) return cb;  // the time stamp only: the catalog's place stands
     WRITE_TRACE(1, "---localfs_catalog_parse_VMDK: cannot locate stream location in saveset [%ls]",
-                e->wsBaseName.c_str());
-    tvu_fatal("VMDK: cannot locate stream location in saveset [%ls]", e->wsBaseName.c_str());
+                e.wsBaseName.c_str());
+    tvu_fatal("VMDK: cannot locate stream location in saveset [%ls]", e.wsBaseName.c_str());
   }
-  return e->ullOffset + static_cast<uint64_t>(e->llRelOffset);
+  cb.llStreamTime = u.llStreamTime;
+  if (!placed) {
+    cb.ullDataOffset = e.ullOffset + static_cast<uint64_t>(u.llRelOffset);
+    cb.ullDataSize = u.ullSize;
+    cb.bSizeKnown = true;
+    if (u.llStreamTime == -1)
+      WRITE_TRACE(1, "localfs_catalog_parse_VMDK: [%ls] not found in its saveset at offset %llu: no data taken",
+                  e.wsBaseName.c_str(), static_cast<unsigned long long>(e.ullOffset));
+  }
+  return cb;
 }
 
-// The time a changed-block slice carries: its catalog change time.  When the
-// catalog marks that as not valid the stream's time would be next; the stream
-// reader keeps none, so the parser's emulated time is used.
-int64_t SliceTime(const LIS_ENTRY& e) {
+// The time a changed-block slice carries: its catalog change time; when the
+// catalog marks that as not valid, the time stamp of its record in the
+// stream, else the parser's emulated time.
+int64_t SliceTime(const LIS_ENTRY& e, int64_t streamTime) {
   if (e.bCtimeEmulated) {
+    if (streamTime != -1) {
+      WRITE_TRACE(1, "localfs_catalog_parse_VMDK: catalog ctime not valid. Using ctime from stream: %lld",
+                  static_cast<long long>(streamTime));
+      return streamTime;
+    }
     WRITE_TRACE(1, "localfs_catalog_parse_VMDK: Using ctime from stream: %lld is also not valid. Using emulated time",
-                -1ll);
+                static_cast<long long>(streamTime));
   }
   return static_cast<int64_t>(CatalogSeconds(e.tmCtime));
 }
@@ -118,11 +160,24 @@ bool extractVMDK_CBT_params(const wchar_t* name, uint64_t* offset, uint64_t* siz
     WRITE_TRACE(2, "---extractVMDK_CBT_params Cannot extract first block ");
     return false;
   }
+  // Digits only: a conversion to an unsigned type would take "-5" as a huge
+  // number.
+  for (const std::string* number : {&first, &second}) {
+    if (!number->empty() && ((*number)[0] == '-' || (*number)[0] == '+')) {
+      WRITE_TRACE(2, "---extractVMDK_CBT_params Exception performing lexical cast extracting interval offset %s "
+                     "filename = [%ls]",
+                  number->c_str(), name);
+      return false;
+    }
+  }
   const std::string* current = &first;
   try {
     *offset = boost::lexical_cast<uint64_t>(first);
     current = &second;
     *size = boost::lexical_cast<uint64_t>(second);
+    // A range that reaches past what a file offset can address is no range.
+    if (*offset > static_cast<uint64_t>(INT64_MAX) || *size > static_cast<uint64_t>(INT64_MAX) - *offset)
+      throw boost::bad_lexical_cast();
   } catch (const boost::bad_lexical_cast&) {
     WRITE_TRACE(2, "---extractVMDK_CBT_params Exception performing lexical cast extracting interval offset %s "
                    "filename = [%ls]",
@@ -202,12 +257,24 @@ int localfs_catalog_parse_VMDK(const CON_ARGS* /*args*/, const char* catalogPath
       WRITE_TRACE(1, "Skipping [%ls]", b.entry.wsBaseName.c_str());
       continue;
     }
+    const ChangedBlocks cb = LocateChangedBlocks(b.entry);
+    // The slice takes the item's own data at most: a name that claims more
+    // would pull in the records that follow the item.  The rest of the range
+    // stays with older slices.
+    uint64_t length = b.ullCbtSize;
+    if (cb.bSizeKnown && cb.ullDataSize < length) {
+      WRITE_TRACE(1, "localfs_catalog_parse_VMDK: [%ls] names %llu bytes, its item holds %llu: the slice takes %llu",
+                  b.entry.wsBaseName.c_str(), static_cast<unsigned long long>(b.ullCbtSize),
+                  static_cast<unsigned long long>(cb.ullDataSize), static_cast<unsigned long long>(cb.ullDataSize));
+      length = cb.ullDataSize;
+    }
+    if (length == 0) continue;
     tq_vfs_slice slice;
-    slice.miSavesetOffset = LocateChangedBlocks(&b.entry);
-    slice.mTime = SliceTime(b.entry);
+    slice.miSavesetOffset = cb.ullDataOffset;
+    slice.mTime = SliceTime(b.entry, cb.llStreamTime);
     slice.iType = stSAVESET;
     slice.miIntervalStart = static_cast<int64_t>(b.ullCbtOffset);
-    slice.miIntervalEnd = static_cast<int64_t>(b.ullCbtOffset + b.ullCbtSize);
+    slice.miIntervalEnd = static_cast<int64_t>(b.ullCbtOffset + length);
     slice.miSavesetIdx = b.entry.iSavesetIdx;
     disk->add_slice(slice);
   }
