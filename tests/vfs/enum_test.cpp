@@ -132,6 +132,20 @@ TEST_F(EnumTest, DirectoriesAreFilledOnDemandFromTheCatalog) {
   EXPECT_EQ(std::string::npos, trc.find("Cache miss"));
 }
 
+// A directory whose catalog path is not UTF-8 (read as ISO-8859-1) lists its
+// lines when asked for by its name's UTF-8 form.
+TEST_F(EnumTest, DirectoryNamedInLatin1ListsItsLines) {
+  const std::string latin1 = tmp / "latin1.lsl";
+  tvutest::WriteFile(latin1, "Tape ID: T Tape Label: T Format: CPIO LIS: 2.0\n" + Line("caf\xe9", 'd', 0, -1, 0, 0) +
+                                 Line("caf\xe9/men\xfc.txt", 'f', 1000, 120, 5, 0));
+  CatalogSetPath(latin1.c_str());
+  ASSERT_EQ(0, DetectCatalogType());
+  EXPECT_EQ((Names{L"caf\u00e9"}), NamesOf(List("\\")));
+  const std::vector<LIS_NODE*> cafe = List("\\caf\xc3\xa9");
+  ASSERT_EQ((Names{L"men\u00fc.txt"}), NamesOf(cafe));
+  EXPECT_EQ(5u, cafe[0]->ullSize);
+}
+
 TEST_F(EnumTest, EnumerationStopsOnceTerminationBegan) {
   // TerminateVFS cannot be undone within the process: checked in a child.
   EXPECT_EXIT(

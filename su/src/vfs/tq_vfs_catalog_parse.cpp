@@ -192,7 +192,11 @@ void TimeFromSavesetName(const std::string& name, struct tm* tm, bool isCtime) {
 }
 
 [[noreturn]] void FatalUnknownSaveset(const char* line) {
-  std::fprintf(stderr, "Cannot find matching saveset for LIS/LSL line: %s", line);
+  // The list starts on a line of its own, whether or not the line came with
+  // its line end.
+  int len = static_cast<int>(std::strlen(line));
+  while (len > 0 && (line[len - 1] == '\n' || line[len - 1] == '\r')) --len;
+  std::fprintf(stderr, "Cannot find matching saveset for LIS/LSL line: %.*s\n", len, line);
   std::fprintf(stderr, "Known savesets:\n");
   WRITE_TRACE(1, "Cannot find matching saveset for LIS/LSL line: %s", line);
   WRITE_TRACE(1, "Known savesets:\n");

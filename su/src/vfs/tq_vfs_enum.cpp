@@ -103,10 +103,39 @@ void CopyChildren(const LIS_NODE* dir, std::vector<LIS_NODE*>* result) {
 // Writes the catalog lines of the directory's direct entries into tmp; tries
 // the drive-less form when a one-character first part found nothing as a
 // drive (a Unix catalog's "/a/b" lives in "a/b").
-int ExtractLines(const char* catalog, const SearchForms& forms, FILE* tmp, long* files, long* dirs) {
+// The ISO-8859-1 bytes of a UTF-8 text, when it has characters beyond ASCII
+// and every one of them is in ISO-8859-1; false otherwise.
+bool Latin1Of(const std::string& utf8, std::string* latin1) {
+  std::wstring wide;
+  if (!korvo::mbstowcsl(utf8.data(), utf8.size(), ".UTF-8", &wide)) return false;
+  latin1->clear();
+  bool beyondAscii = false;
+  for (wchar_t c : wide) {
+    if (static_cast<unsigned long>(c) > 0xFF) return false;
+    beyondAscii = beyondAscii || c > 0x7F;
+    latin1->push_back(static_cast<char>(c));
+  }
+  return beyondAscii;
+}
+
+int ExtractOne(const char* catalog, const SearchForms& forms, FILE* tmp, long* files, long* dirs) {
   if (korvo::iEXTRACT_DIR(catalog, forms.sCatalogDir.c_str(), tmp, files, dirs) != 0) return -1;
   if (*files == 0 && *dirs == 0 && forms.bDriveAdded) {
     return korvo::iEXTRACT_DIR(catalog, forms.sPlainDir.c_str(), tmp, files, dirs);
+  }
+  return 0;
+}
+
+// A catalog path that is not UTF-8 was read as ISO-8859-1 (the whole path),
+// and the tree names its directories in the characters read; the search path
+// comes back as UTF-8.  A directory not found as UTF-8 is looked for again by
+// the catalog's own bytes.
+int ExtractLines(const char* catalog, const SearchForms& forms, FILE* tmp, long* files, long* dirs) {
+  if (ExtractOne(catalog, forms, tmp, files, dirs) != 0) return -1;
+  SearchForms latin1 = forms;
+  if (*files == 0 && *dirs == 0 && Latin1Of(forms.sCatalogDir, &latin1.sCatalogDir) &&
+      Latin1Of(forms.sPlainDir, &latin1.sPlainDir)) {
+    return ExtractOne(catalog, latin1, tmp, files, dirs);
   }
   return 0;
 }
@@ -235,11 +264,11 @@ int32_t FillDirectory(LIS_NODE* dir, const SearchForms& forms, std::vector<LIS_N
 int32_t GetSavesetEntries(const char* searchPath, bool folderSearch, bool exactItem,
                           std::vector<LIS_NODE*>* result) {
   const char* path = searchPath ? searchPath : "\\";
-  WRITE_TRACE(2, "+++ GetSavesetEntries cpSearchPath = [%s] bFolderSearch=%d bExactItem=%d", path,
+  WRITE_TRACE(1, "+++ GetSavesetEntries cpSearchPath = [%s] bFolderSearch=%d bExactItem=%d", path,
               folderSearch ? 1 : 0, exactItem ? 1 : 0);
   if (result != nullptr) result->clear();
   if (VfsTerminating()) {
-    WRITE_TRACE(2, "--- GetSavesetEntries geTerminateInProgress");
+    WRITE_TRACE(1, "--- GetSavesetEntries geTerminateInProgress");
     return geTerminateInProgress;
   }
   const int32_t dataType = CatalogGetSavesetType();
@@ -261,7 +290,7 @@ int32_t GetSavesetEntries(const char* searchPath, bool folderSearch, bool exactI
   if (dir != nullptr && dir->bChildrenPopulated) {
     WRITE_TRACE(2, "Found [%ls] children populated [%d]", dir->wsName.c_str(), 1);
     CopyChildren(dir, result);
-    WRITE_TRACE(2, "--- GetSavesetEntries geOK");
+    WRITE_TRACE(1, "--- GetSavesetEntries geOK");
     return geOK;
   }
   WRITE_TRACE(2, "Cache miss");
@@ -269,11 +298,11 @@ int32_t GetSavesetEntries(const char* searchPath, bool folderSearch, bool exactI
     // No catalog, only virtual disks: their nodes are all the directory has.
     if (dir != nullptr) dir->bChildrenPopulated = true;
     CopyChildren(dir, result);
-    WRITE_TRACE(2, "--- GetSavesetEntries geOK (VMDK only)");
+    WRITE_TRACE(1, "--- GetSavesetEntries geOK (VMDK only)");
     return geOK;
   }
   const int32_t rc = FillDirectory(dir, forms, result);
-  WRITE_TRACE(2, "--- GetSavesetEntries %d", rc);
+  WRITE_TRACE(1, "--- GetSavesetEntries %d", rc);
   return rc;
 }
 
