@@ -230,6 +230,23 @@ TEST_F(CatalogParseDeathTest, LineNotMatchingItsTypeEndsProcess) {
               "Regex mismatch parsing LIS/LSL/LISv2/LSLv2\\[3\\] line \\[\"a\" f 2026");
 }
 
+// A saveset name is looked up in the table as it stands: a table freed and
+// refilled in another order (the next operation's) gives the new index, even
+// where the new table lands at the old one's address.
+TEST_F(CatalogParseTest, SavesetLookupFollowsARefilledTable) {
+  Chain();
+  Use("x.lsl", ctLSLv2, true);
+  const std::string line = std::string("\"a\" f ") + kTimes + " 1 2 3 4 0 0 SI20261103020000 0";
+  ASSERT_EQ(0, ParseSavesetEntry(&e, line.c_str(), "f"));
+  EXPECT_EQ(2, e.iSavesetIdx);
+  saveset_table_free();
+  AddSaveset("C:\\chain\\SI20261103020000.cpio");
+  AddSaveset("C:\\chain\\SI20261102020000.cpio");
+  AddSaveset("C:\\chain\\SF20261101020000.cpio");
+  ASSERT_EQ(0, ParseSavesetEntry(&e, line.c_str(), "f"));
+  EXPECT_EQ(0, e.iSavesetIdx);
+}
+
 TEST_F(CatalogParseDeathTest, UnknownSavesetEndsProcessListingKnownOnes) {
   Chain();
   Use("x.lsl", ctLSLv2, true);
