@@ -190,6 +190,22 @@ TEST_F(DedupTest, Vk4ReadsOfSixtyFourMegabytesInOneCall) {
   EXPECT_EQ(0, eof);
 }
 
+// Closing a saveset ends its session on the store, whatever id the store
+// handed out: the session with id 0 used to be left open.
+TEST_F(DedupTest, Vk4CloseEndsTheSessionAlsoWhenItsIdIsZero) {
+  Start({"--first-conid", "0"});
+  int32_t first = AppendDedup(smVK4, "SF20261101020000.cpio");
+  int32_t second = AppendDedup(smVK4, "SF20261101020000.cpio");
+  ASSERT_EQ(0, saveset_open(first));
+  ASSERT_EQ(0, saveset_open(second));
+  EXPECT_EQ(0, saveset_close(first));
+  EXPECT_EQ(0, saveset_close(second));
+  const std::string log = server_.log();
+  EXPECT_EQ(1u, Count(log, "close conid=0 -> ok")) << log;
+  EXPECT_EQ(1u, Count(log, "close conid=1 -> ok")) << log;
+  EXPECT_EQ(0u, dedup_connection_count());
+}
+
 TEST_F(DedupTest, Vk4ngStreamThroughTheLibraryPassesSeeksPastTheEnd) {
   Start();
   setenv("TQ_DEDUP_LIB", (std::string(TVU_BINARY_DIR) + "/libtq_dedup.so").c_str(), 1);

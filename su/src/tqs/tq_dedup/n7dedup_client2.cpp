@@ -99,6 +99,7 @@ int DedupClientStruct::startRecv_h(const char* name) {
     return rc;
   }
   status_ = rc;
+  receiving_ = true;
   return rc;
 }
 
@@ -132,7 +133,7 @@ int DedupClientStruct::Close() {
   int rc = 0;
   if (client_ && transport_ && transport_->isOpen()) {
     rc = DedupGuard("Failure in dedup_close()", __LINE__, -1, [&] {
-      if (status_ > 0) client_->close(status_);
+      if (receiving_) client_->close(status_);
       return 0;
     });
   }
@@ -146,6 +147,7 @@ int DedupClientStruct::Close() {
   transport_.reset();
   socket_.reset();
   status_ = -1;
+  receiving_ = false;
   return rc;
 }
 

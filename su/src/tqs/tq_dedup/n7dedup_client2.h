@@ -74,9 +74,10 @@ class DedupClientStruct {
   std::shared_ptr<apache::thrift::transport::TSocket> socket_;
   std::shared_ptr<apache::thrift::transport::TTransport> transport_;
   std::shared_ptr<n7dedup::DedupServiceClient> client_;
-  // Connection status after connect, then the conid of the started receive:
-  // both are signed 32-bit and the second replaces the first.
+  // The conid of the started receive, -1 before.  Any id the store hands
+  // out, 0 included, is valid; receiving_ says whether one was handed out.
   int32_t status_ = -1;
+  bool receiving_ = false;
   std::string data_;  // reply buffer, reserved at 256 KiB
 };
 
