@@ -172,22 +172,37 @@ TEST_F(DedupTest, Vk4StreamSeeksByRewindAndSkip) {
   EXPECT_EQ(1u, Count(log, "bytes=0 "));
 }
 
-// The largest block one read asks for (64 MiB, four times Thrift's default
-// frame limit) arrives whole in one call.
-TEST_F(DedupTest, Vk4ReadsOfSixtyFourMegabytesInOneCall) {
-  const std::string big = Pattern(static_cast<size_t>(kDedupMaxRead));
+// A read larger than one store call may carry (64 MiB, four times Thrift's
+// default frame limit) is served by several calls within one saveset_read.
+// It used to stop after the first call, and the caller took the short count
+// for the end of the saveset.  A short reply does not end the loop, only an
+// empty one does.
+TEST_F(DedupTest, Vk4ReadsBeyondOneStoreCallLoopUntilTheCountOrAnEmptyReply) {
+  const size_t size = static_cast<size_t>(kDedupMaxRead) + 65536;
+  const std::string big = Pattern(size);
   tvutest::WriteFile(dir_ / "big.cpio", big);
   Start();
   int32_t idx = AppendDedup(smVK4, "big.cpio");
   ASSERT_EQ(0, saveset_open(idx));
-  std::string buf(big.size(), '\0');
+  std::string buf(size + 1, '\0');
   uint64_t got = 0;
   uint8_t eof = 0;
   ASSERT_EQ(0, saveset_seek(idx, 0));
-  saveset_read(idx, &buf[0], buf.size(), &got, &eof);
-  EXPECT_EQ(big.size(), got);
-  EXPECT_TRUE(buf == big);
+  saveset_read(idx, &buf[0], size, &got, &eof);
+  EXPECT_EQ(size, got);
+  EXPECT_TRUE(buf.compare(0, size, big) == 0);
   EXPECT_EQ(0, eof);
+  EXPECT_EQ(1u, Count(server_.log(), "bytes=67108864 -> 67108864 bytes"));
+  EXPECT_EQ(1u, Count(server_.log(), "bytes=65536 -> 65536 bytes"));
+
+  // Near the end: the first reply is short (the rest of the object), the
+  // next one is empty and ends the read.
+  ASSERT_EQ(0, saveset_seek(idx, static_cast<int64_t>(size) - 100));
+  saveset_read(idx, &buf[0], buf.size(), &got, &eof);
+  EXPECT_EQ(100u, got);
+  EXPECT_EQ(big.substr(size - 100), buf.substr(0, 100));
+  EXPECT_EQ(1, eof & 1);
+  EXPECT_EQ(1u, Count(server_.log(), "-> 0 bytes"));
 }
 
 // Closing a saveset ends its session on the store, whatever id the store

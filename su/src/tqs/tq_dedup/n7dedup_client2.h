@@ -60,7 +60,8 @@ class DedupClientStruct {
   // Starts receiving an object; returns the service's result (the conid,
   // which the struct keeps), or -1.
   int startRecv_h(const char* name);
-  // Reads at most n bytes (a longer reply is cut to n); 0 or -1.
+  // Reads at most n bytes (a longer reply is cut to n); 0 or -1.  A short
+  // or empty reply is not an error.
   int fread_h(int32_t conid, char* buffer, int32_t n, int32_t* read);
   int skip_h(int32_t conid, int64_t bytes);
   int rewind_h(int32_t conid);
