@@ -105,8 +105,10 @@ int DedupClientStruct::startRecv_h(const char* name) {
 
 int DedupClientStruct::fread_h(int32_t conid, char* buffer, int32_t n, int32_t* read) {
   *read = 0;
+  lastReplyBytes_ = 0;
   return DedupGuard("DedupClientStruct::fread_h error while reading", __LINE__, -1, [&] {
     client_->recover(data_, conid, n);
+    lastReplyBytes_ = static_cast<int64_t>(data_.size());
     // A reply longer than asked is cut to the request.
     size_t count = data_.size() < static_cast<size_t>(n) ? data_.size() : static_cast<size_t>(n);
     memcpy(buffer, data_.data(), count);
