@@ -7,10 +7,13 @@
 #include <cstring>
 #include <string>
 
+#include "plugin/db_hooks.h"
+#include "runtime/trace.h"
 #include "support/dedup_server.h"
 #include "support/test_util.h"
 #include "tqs/tq_dedup/n7dedup_client2.h"
 #include "tqs/tq_dedup/n7dedup_errors.h"
+#include "tvu_con.h"
 #include "vfs/tq_vfs_saveset.h"
 
 namespace {
@@ -30,6 +33,9 @@ size_t Count(const std::string& haystack, const std::string& needle) {
   return n;
 }
 
+std::string g_logged;
+void CollectLog(const char* text) { g_logged += std::string(text) + "\n"; }
+
 class DedupTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -40,6 +46,8 @@ class DedupTest : public ::testing::Test {
   void TearDown() override {
     for (int32_t i = 0; i < g_iSavesetCount; ++i) saveset_close(i);
     saveset_table_free();
+    tvu_hooks_reset_for_test();
+    korvo::trace_configure(0, nullptr);
   }
 
   int32_t AppendDedup(uint32_t media, const char* name) {
@@ -94,6 +102,7 @@ TEST_F(DedupTest, ReadsMetadataAndCutsOverlongReplies) {
   int32_t got = 0;
   ASSERT_EQ(0, c->fread_h(c->conid(), buf, 10, &got));
   EXPECT_EQ(10, got);
+  EXPECT_EQ(110, c->lastReplyBytes());  // what the store sent, for the caller to report
   EXPECT_EQ(object_.substr(0, 10), std::string(buf, 10));
   EXPECT_EQ('#', buf[10]);  // nothing beyond the request is written
   dedup_close(h);
@@ -172,22 +181,83 @@ TEST_F(DedupTest, Vk4StreamSeeksByRewindAndSkip) {
   EXPECT_EQ(1u, Count(log, "bytes=0 "));
 }
 
-// The largest block one read asks for (64 MiB, four times Thrift's default
-// frame limit) arrives whole in one call.
-TEST_F(DedupTest, Vk4ReadsOfSixtyFourMegabytesInOneCall) {
-  const std::string big = Pattern(static_cast<size_t>(kDedupMaxRead));
+// A read larger than one store call may carry (64 MiB, four times Thrift's
+// default frame limit) is served by several calls within one saveset_read.
+// It used to stop after the first call, and the caller took the short count
+// for the end of the saveset.  A short reply does not end the loop, only an
+// empty one does.
+TEST_F(DedupTest, Vk4ReadsBeyondOneStoreCallLoopUntilTheCountOrAnEmptyReply) {
+  const size_t size = static_cast<size_t>(kDedupMaxRead) + 65536;
+  const std::string big = Pattern(size);
   tvutest::WriteFile(dir_ / "big.cpio", big);
   Start();
   int32_t idx = AppendDedup(smVK4, "big.cpio");
   ASSERT_EQ(0, saveset_open(idx));
-  std::string buf(big.size(), '\0');
+  std::string buf(size + 1, '\0');
   uint64_t got = 0;
   uint8_t eof = 0;
   ASSERT_EQ(0, saveset_seek(idx, 0));
-  saveset_read(idx, &buf[0], buf.size(), &got, &eof);
-  EXPECT_EQ(big.size(), got);
-  EXPECT_TRUE(buf == big);
+  saveset_read(idx, &buf[0], size, &got, &eof);
+  EXPECT_EQ(size, got);
+  EXPECT_TRUE(buf.compare(0, size, big) == 0);
   EXPECT_EQ(0, eof);
+  EXPECT_EQ(1u, Count(server_.log(), "bytes=67108864 -> 67108864 bytes"));
+  EXPECT_EQ(1u, Count(server_.log(), "bytes=65536 -> 65536 bytes"));
+
+  // Near the end: the first reply is short (the rest of the object), the
+  // next one is empty and ends the read.
+  ASSERT_EQ(0, saveset_seek(idx, static_cast<int64_t>(size) - 100));
+  saveset_read(idx, &buf[0], buf.size(), &got, &eof);
+  EXPECT_EQ(100u, got);
+  EXPECT_EQ(big.substr(size - 100), buf.substr(0, 100));
+  EXPECT_EQ(1, eof & 1);
+  EXPECT_EQ(1u, Count(server_.log(), "-> 0 bytes"));
+}
+
+// A reply longer than asked is cut to the request as before, and the cut is
+// reported: a store that sends more than asked has moved past the dropped
+// bytes, so everything read after it is shifted.
+TEST_F(DedupTest, Vk4OverlongRepliesAreCutAndReported) {
+  Start({"--extra-bytes", "100"});
+  tvutest::TempDir traceDir;
+  const std::string traceFile = traceDir / "trace.txt";
+  korvo::trace_configure(1, traceFile.c_str());
+  g_logged.clear();
+  DB_SetLog(CollectLog);
+  int32_t idx = AppendDedup(smVK4, "SF20261101020000.cpio");
+  ASSERT_EQ(0, saveset_open(idx));
+  ASSERT_EQ(0, saveset_seek(idx, 500));
+  char buf[64];
+  memset(buf, '#', sizeof buf);
+  uint64_t got = 0;
+  uint8_t eof = 0;
+  saveset_read(idx, buf, 10, &got, &eof);
+  EXPECT_EQ(10u, got);
+  EXPECT_EQ(object_.substr(500, 10), std::string(buf, 10));
+  EXPECT_EQ('#', buf[10]);
+  EXPECT_EQ(0, eof);
+
+  const std::string message =
+      "Vk4 saveset [SF20261101020000.cpio] at position 500: the store returned 110 bytes for 10 asked; the 100 "
+      "bytes beyond the request are dropped and the data after them may be shifted";
+  EXPECT_EQ(1u, Count(g_logged, message + "\n")) << g_logged;
+  EXPECT_EQ(1u, Count(tvutest::ReadFile(traceFile), message)) << tvutest::ReadFile(traceFile);
+}
+
+// Closing a saveset ends its session on the store, whatever id the store
+// handed out: the session with id 0 used to be left open.
+TEST_F(DedupTest, Vk4CloseEndsTheSessionAlsoWhenItsIdIsZero) {
+  Start({"--first-conid", "0"});
+  int32_t first = AppendDedup(smVK4, "SF20261101020000.cpio");
+  int32_t second = AppendDedup(smVK4, "SF20261101020000.cpio");
+  ASSERT_EQ(0, saveset_open(first));
+  ASSERT_EQ(0, saveset_open(second));
+  EXPECT_EQ(0, saveset_close(first));
+  EXPECT_EQ(0, saveset_close(second));
+  const std::string log = server_.log();
+  EXPECT_EQ(1u, Count(log, "close conid=0 -> ok")) << log;
+  EXPECT_EQ(1u, Count(log, "close conid=1 -> ok")) << log;
+  EXPECT_EQ(0u, dedup_connection_count());
 }
 
 TEST_F(DedupTest, Vk4ngStreamThroughTheLibraryPassesSeeksPastTheEnd) {

@@ -378,7 +378,8 @@ TEST(TqdedupdCommandLine, RefusesBadArguments) {
   std::string prog = tvutest::BuiltProgram("tqdedupd");
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{prog}, {prog, "--dir", dir / "none"}, {prog, "--dir", dir.path(), "--port", "70000"},
-        {prog, "--dir", dir.path(), "--fail-recover", "0"}, {prog, "--dir", dir.path(), "--bogus", "1"}}) {
+        {prog, "--dir", dir.path(), "--fail-recover", "0"}, {prog, "--dir", dir.path(), "--bogus", "1"},
+        {prog, "--dir", dir.path(), "--first-conid", "2147483647"}}) {
     tvutest::ProcessResult r = tvutest::RunProcess(args, {}, 10);
     EXPECT_EQ(r.exitCode, 2) << args.back() << ": " << r.err;
     EXPECT_NE(r.err.find("usage: tqdedupd"), std::string::npos);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <fstream>
+#include <cstdio>
 #include <map>
 #include <string>
 #include <thread>
@@ -25,6 +26,16 @@ using tvutest::TempDir;
 
 bool Contains(const std::string& haystack, const std::string& needle) {
   return haystack.find(needle) != std::string::npos;
+}
+
+// The first line of text that starts with prefix, without its line end; ""
+// when there is none.
+std::string LineStartingWith(const std::string& text, const std::string& prefix) {
+  size_t at = text.rfind(prefix, 0) == 0 ? 0 : text.find("\n" + prefix);
+  if (at == std::string::npos) return "";
+  if (at != 0) ++at;
+  size_t end = text.find('\n', at);
+  return text.substr(at, end == std::string::npos ? std::string::npos : end - at);
 }
 
 // Number of recover requests in a server log.
@@ -89,6 +100,47 @@ TEST_F(DedupConsolidate, FilesVk4AndVk4ngGiveTheSameStream) {
   }
   // The transfer type comes from the store's INI file for the port.
   EXPECT_TRUE(tvutest::FileExists(chain_ + "/ini/xfpd_conf/xfpd_" + std::to_string(server_.port() - 11701) + ".ini"));
+}
+
+// A store reply longer than the request is cut to the request and reported
+// to the client's log at level 1500 with the saveset, the position and both
+// counts.  The test server moves past the bytes it adds, so the stream goes
+// wrong; the log line is what tells the operator why.
+TEST_F(DedupConsolidate, OverlongStoreRepliesAreCutAndLoggedAsErrors) {
+  StartServer({"--extra-bytes", "5"});
+  Relist("vk4", server_.port());
+  ProcessResult r = Consolidate(tmp_ / "out.cpio");
+  const std::string line = LineStartingWith(r.err, "[1500] Vk4 saveset [");
+  ASSERT_FALSE(line.empty()) << r.err;
+  long long position = -1, received = -1, asked = -1;
+  int end = 0;
+  sscanf(line.c_str(),
+         "[1500] Vk4 saveset [%*[^]]] at position %lld: the store returned %lld bytes for %lld asked; the 5 bytes "
+         "beyond the request are dropped and the data after them may be shifted%n",
+         &position, &received, &asked, &end);
+  ASSERT_EQ(line.size(), static_cast<size_t>(end)) << r.err;
+  EXPECT_EQ(asked + 5, received);
+  EXPECT_FALSE(ReadFile(tmp_ / "out.cpio") == ReadFile(chain_ + "/expected.cpio"));
+}
+
+// The same for a library that claims more bytes than asked (but wrote only
+// the request): the count is cut, so the stream stays whole.
+TEST_F(DedupConsolidate, OverlongLibraryCountsAreCutAndLoggedAsErrors) {
+  StartServer();
+  Relist("vk4ng", server_.port());
+  ProcessResult r = Consolidate(tmp_ / "out.cpio", BuiltProgram("libtq_dedup_overlong.so"));
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_TRUE(ReadFile(tmp_ / "out.cpio") == ReadFile(chain_ + "/expected.cpio"));
+  const std::string line = LineStartingWith(r.err, "[1500] Vk4NG saveset [");
+  ASSERT_FALSE(line.empty()) << r.err;
+  long long position = -1, received = -1, asked = -1;
+  int end = 0;
+  sscanf(line.c_str(),
+         "[1500] Vk4NG saveset [%*[^]]] at position %lld: the library returned %lld bytes for %lld asked; the count "
+         "is cut to the request and the data after it may be shifted%n",
+         &position, &received, &asked, &end);
+  ASSERT_EQ(line.size(), static_cast<size_t>(end)) << r.err;
+  EXPECT_EQ(asked + 7, received);
 }
 
 TEST_F(DedupConsolidate, RefusedConnectionEndsTheProcess) {

@@ -56,7 +56,8 @@ StoreError NoSession(int32_t conid) {
 
 }  // namespace
 
-ObjectStore::ObjectStore(const std::string& dir, int maxSessions) : dir_(dir), maxSessions_(maxSessions) {}
+ObjectStore::ObjectStore(const std::string& dir, int maxSessions, int32_t firstConid)
+    : dir_(dir), maxSessions_(maxSessions), nextConid_(firstConid) {}
 
 ObjectStore::~ObjectStore() = default;
 

@@ -43,7 +43,8 @@ struct SessionState {
 
 class ObjectStore {
  public:
-  ObjectStore(const std::string& dir, int maxSessions);
+  // Session ids are handed out from firstConid upward.
+  ObjectStore(const std::string& dir, int maxSessions, int32_t firstConid = 1);
   ~ObjectStore();
   ObjectStore(const ObjectStore&) = delete;
   ObjectStore& operator=(const ObjectStore&) = delete;

@@ -12,7 +12,7 @@ namespace tqdedupd {
 
 const char kUsage[] =
     "usage: tqdedupd --dir DIR [--port P] [--host ADDR] [--port-file FILE]\n"
-    "                [--max-sessions N] [--log FILE]\n"
+    "                [--max-sessions N] [--first-conid N] [--log FILE]\n"
     "                [--fail-recover N] [--fail-skip N] [--close-after-bytes N]\n"
     "                [--delay-ms N] [--extra-bytes N] [--probe-only]\n"
     "\n"
@@ -21,6 +21,8 @@ const char kUsage[] =
     "  --host ADDR            address to listen on (default 127.0.0.1)\n"
     "  --port-file FILE       write the port actually used to FILE once listening\n"
     "  --max-sessions N       open recover sessions allowed at once (default 64)\n"
+    "  --first-conid N        session id of the first session, counting up from it\n"
+    "                         (default 1)\n"
     "  --log FILE             append the request log to FILE (default: standard error)\n"
     "  --fail-recover N       the Nth recover call fails with DataCorruptionException\n"
     "  --fail-skip N          the Nth skip call fails with SessionNotFound\n"
@@ -87,6 +89,10 @@ ParseResult ParseOptions(int argc, char** argv, Options* out, std::string* error
     } else if (arg == "--max-sessions") {
       if (!number(1, kIntMax)) return ParseResult::kError;
       o.maxSessions = static_cast<int>(n);
+    } else if (arg == "--first-conid") {
+      // The last id is the store's "exhausted" mark, so at least one is left.
+      if (!number(0, kIntMax - 1)) return ParseResult::kError;
+      o.firstConid = static_cast<int32_t>(n);
     } else if (arg == "--fail-recover") {
       if (!number(1, UINT64_MAX)) return ParseResult::kError;
       o.failRecover = n;

@@ -14,6 +14,7 @@ struct Options {
   int port = 11701;                // 0: let the OS choose
   std::string portFile;            // where to write the actual port ("" = none)
   int maxSessions = 64;            // open sessions allowed at once, server-wide
+  int32_t firstConid = 1;          // session id of the first session; 0 is a valid id
   std::string logFile;             // request log ("" = standard error)
 
   uint64_t failRecover = 0;      // the Nth recover call fails (1-based)

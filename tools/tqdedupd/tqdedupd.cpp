@@ -109,7 +109,7 @@ class StopGate {
 
 int RunServer(const Options& options, RequestLog& log) {
   using namespace apache::thrift;
-  ObjectStore store(options.dir, options.maxSessions);
+  ObjectStore store(options.dir, options.maxSessions, options.firstConid);
   Faults faults(options);
   auto factory = std::make_shared<HandlerFactory>(store, faults, log);
   auto socket = std::make_shared<transport::TServerSocket>(options.host, options.port);

@@ -45,18 +45,42 @@ int Vk4Close(int32_t, SAVESET* ps) {
   return 0;
 }
 
+// A reply longer than the request is cut to it; the bytes beyond it are
+// lost, and a store that moved its position past them hands out every later
+// byte shifted.  The stream cannot repair that, but the operator is told.
+void ReportLongReply(const SAVESET* ps, int64_t llPosition, int32_t iAsked, int64_t llReceived) {
+  char text[1024];
+  snprintf(text, sizeof text,
+           "Vk4 saveset [%s] at position %lld: the store returned %lld bytes for %d asked; the %lld bytes "
+           "beyond the request are dropped and the data after them may be shifted",
+           ps->szName, static_cast<long long>(llPosition), static_cast<long long>(llReceived), iAsked,
+           static_cast<long long>(llReceived - iAsked));
+  WRITE_TRACE(1, "%s", text);
+  tvu_log(TQ_LOG_ERROR, "%s", text);
+}
+
 void Vk4Read(int32_t idx, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint64_t* piBytesRead, uint8_t* pucEof) {
   DedupClientStruct* c = Client(idx, ps);
-  int32_t got = 0;
-  // One call asks for at most what one reply may carry.
-  int32_t want = iBufSize > static_cast<uint64_t>(kDedupMaxRead) ? kDedupMaxRead : static_cast<int32_t>(iBufSize);
-  int r = c->fread_h(c->conid(), static_cast<char*>(pBuffer), want, &got);
-  WRITE_TRACE(2, "dedup_fread_rpc_h r = %d bytes requested = %d read = %d handle = %d", r, want, got,
-              ps->iDedupHandle);
-  if (r != 0) MediaDedupStreamFatal("dedup_fread_rpc_h", r, idx, ps, g_dedupLastError, false);
-  *piBytesRead = static_cast<uint64_t>(got);
-  ps->llPosition += got;
-  if (static_cast<uint64_t>(got) < iBufSize) *pucEof |= SAVESET_FLAG_EOF;
+  char* pOut = static_cast<char*>(pBuffer);
+  uint64_t total = 0;
+  // One call asks for at most what one reply may carry, and the store may
+  // answer a call with less than asked before the object ends: only an empty
+  // reply ends the stream.
+  while (total < iBufSize) {
+    uint64_t left = iBufSize - total;
+    int32_t want = left > static_cast<uint64_t>(kDedupMaxRead) ? kDedupMaxRead : static_cast<int32_t>(left);
+    int32_t got = 0;
+    int r = c->fread_h(c->conid(), pOut + total, want, &got);
+    WRITE_TRACE(2, "dedup_fread_rpc_h r = %d bytes requested = %d read = %d handle = %d", r, want, got,
+                ps->iDedupHandle);
+    if (r != 0) MediaDedupStreamFatal("dedup_fread_rpc_h", r, idx, ps, g_dedupLastError, false);
+    if (c->lastReplyBytes() > want) ReportLongReply(ps, ps->llPosition, want, c->lastReplyBytes());
+    if (got == 0) break;
+    total += static_cast<uint64_t>(got);
+    ps->llPosition += got;
+  }
+  *piBytesRead = total;
+  if (total < iBufSize) *pucEof |= SAVESET_FLAG_EOF;
 }
 
 int Vk4Seek(int32_t idx, SAVESET* ps, int64_t iOffset) {

@@ -28,6 +28,19 @@ std::string LastMessage() {
   });
 }
 
+// Tells the operator (log level 1500 and trace) that the library claimed
+// more bytes than the request; the count is cut by the caller.
+void ReportLongReply(const SAVESET* ps, int64_t llPosition, int64_t llAsked, int64_t llReceived) {
+  char text[1024];
+  snprintf(text, sizeof text,
+           "Vk4NG saveset [%s] at position %lld: the library returned %lld bytes for %lld asked; the count is "
+           "cut to the request and the data after it may be shifted",
+           ps->szName, static_cast<long long>(llPosition), static_cast<long long>(llReceived),
+           static_cast<long long>(llAsked));
+  WRITE_TRACE(1, "%s", text);
+  tvu_log(TQ_LOG_ERROR, "%s", text);
+}
+
 int Vk4ngOpen(int32_t, SAVESET* ps) {
   const TQ_DEDUP_API* api = DedupLibrary();
   WRITE_TRACE(1, "Using DeDup2 (RUST lib). Hostname=%s / port=%d, HTTP type=%s", ps->szDedupHost,
@@ -63,6 +76,12 @@ void Vk4ngRead(int32_t idx, SAVESET* ps, void* pBuffer, uint64_t iBufSize, uint6
   WRITE_TRACE(2, "dedup_read_restore r = %d bytes requested = %d read = %d handle = %d", r,
               static_cast<int>(iBufSize), static_cast<int>(got), ps->iDedupHandle);
   if (got == 0) MediaDedupStreamFatal("dedup_read_restore", r, idx, ps, LastMessage().c_str(), false);
+  if (got > static_cast<int64_t>(iBufSize)) {
+    // The caller's buffer ends at the request: a larger count is cut to it,
+    // and the operator is told, since the stream may be shifted from here on.
+    ReportLongReply(ps, ps->llPosition, static_cast<int64_t>(iBufSize), got);
+    got = static_cast<int64_t>(iBufSize);
+  }
   *piBytesRead = static_cast<uint64_t>(got);
   ps->llPosition += got;
   if (static_cast<uint64_t>(got) < iBufSize) *pucEof |= SAVESET_FLAG_EOF;

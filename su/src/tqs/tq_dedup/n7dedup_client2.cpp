@@ -99,13 +99,16 @@ int DedupClientStruct::startRecv_h(const char* name) {
     return rc;
   }
   status_ = rc;
+  receiving_ = true;
   return rc;
 }
 
 int DedupClientStruct::fread_h(int32_t conid, char* buffer, int32_t n, int32_t* read) {
   *read = 0;
+  lastReplyBytes_ = 0;
   return DedupGuard("DedupClientStruct::fread_h error while reading", __LINE__, -1, [&] {
     client_->recover(data_, conid, n);
+    lastReplyBytes_ = static_cast<int64_t>(data_.size());
     // A reply longer than asked is cut to the request.
     size_t count = data_.size() < static_cast<size_t>(n) ? data_.size() : static_cast<size_t>(n);
     memcpy(buffer, data_.data(), count);
@@ -132,7 +135,7 @@ int DedupClientStruct::Close() {
   int rc = 0;
   if (client_ && transport_ && transport_->isOpen()) {
     rc = DedupGuard("Failure in dedup_close()", __LINE__, -1, [&] {
-      if (status_ > 0) client_->close(status_);
+      if (receiving_) client_->close(status_);
       return 0;
     });
   }
@@ -146,6 +149,7 @@ int DedupClientStruct::Close() {
   transport_.reset();
   socket_.reset();
   status_ = -1;
+  receiving_ = false;
   return rc;
 }
 

@@ -60,8 +60,12 @@ class DedupClientStruct {
   // Starts receiving an object; returns the service's result (the conid,
   // which the struct keeps), or -1.
   int startRecv_h(const char* name);
-  // Reads at most n bytes (a longer reply is cut to n); 0 or -1.
+  // Reads at most n bytes (a longer reply is cut to n); 0 or -1.  A short
+  // or empty reply is not an error.
   int fread_h(int32_t conid, char* buffer, int32_t n, int32_t* read);
+  // Length of the last recover reply before the cut (0 after a failed call),
+  // so that the caller can tell when a reply was longer than asked.
+  int64_t lastReplyBytes() const { return lastReplyBytes_; }
   int skip_h(int32_t conid, int64_t bytes);
   int rewind_h(int32_t conid);
   // Ends the session on the server and closes the transport; 0 or -1.
@@ -74,9 +78,11 @@ class DedupClientStruct {
   std::shared_ptr<apache::thrift::transport::TSocket> socket_;
   std::shared_ptr<apache::thrift::transport::TTransport> transport_;
   std::shared_ptr<n7dedup::DedupServiceClient> client_;
-  // Connection status after connect, then the conid of the started receive:
-  // both are signed 32-bit and the second replaces the first.
+  // The conid of the started receive, -1 before.  Any id the store hands
+  // out, 0 included, is valid; receiving_ says whether one was handed out.
   int32_t status_ = -1;
+  bool receiving_ = false;
+  int64_t lastReplyBytes_ = 0;
   std::string data_;  // reply buffer, reserved at 256 KiB
 };
 
