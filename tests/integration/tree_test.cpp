@@ -113,4 +113,29 @@ TEST(TreeCommands, ListStatFindAndErrors) {
   EXPECT_TRUE(Contains(r.err, "Cannot read from [")) << r.err;
 }
 
+// The library prints notes on standard output ("Building cache..."); the
+// data a command writes there must come out alone, the notes on standard error.
+TEST(TreeCommands, StandardOutputCarriesTheDataAlone) {
+  TempDir tmp;
+  TreeChain c = MakeChain(tmp, "newc");
+  std::string rel, want;
+  for (const auto& e : fs::recursive_directory_iterator(c.dir + "/final"))
+    if (e.is_regular_file() && e.file_size() > 0) {
+      rel = e.path().string().substr(c.dir.size() + 6);
+      want = ReadFile(e.path().string());
+      break;
+    }
+  ASSERT_FALSE(rel.empty());
+
+  ProcessResult r = Tree(c, {"cat", "--build-cache", rel});
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_TRUE(r.out == want) << rel << ": " << r.out.substr(0, 200);
+  EXPECT_TRUE(Contains(r.err, "Building cache. This might take a while... \n")) << r.err;
+
+  r = Tree(c, {"ls", "--build-cache", "/demo"});
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_FALSE(Contains(r.out, "Cache built")) << r.out;
+  EXPECT_TRUE(Contains(r.err, "Cache built")) << r.err;
+}
+
 }  // namespace
