@@ -145,7 +145,8 @@ TEST(TreeCommands, StandardOutputCarriesTheDataAlone) {
 TEST(TreeCommands, CutSavesetFailsTheReadsItCannotServe) {
   TempDir tmp;
   TreeChain c = MakeChain(tmp, "newc");
-  const std::set<std::string> files = tvutest::FilesWithDataOffset(c.dir + "/tqslis/" + c.con + "_mnt/" + c.con + ".lsl");
+  const std::string catalog = c.dir + "/tqslis/" + c.con + "_mnt/" + c.con + ".lsl";
+  const std::set<std::string> files = tvutest::FilesWithDataOffset(catalog);
   ASSERT_GT(files.size(), 20u);
   for (const auto& e : fs::directory_iterator(c.dir + "/savesets"))
     fs::resize_file(e.path(), e.file_size() / 2);

@@ -63,8 +63,8 @@ int CmdStat(const TvuconOptions& o, FILE* out) {
   fprintf(out, "path: %s\ntype: %c\nsize: %" PRIu64 "\nctime: %s\nmtime: %s\nsource: %" PRId64 "\n", n.path.c_str(),
          n.type, n.size, TimeText(n.ctime).c_str(), TimeText(n.mtime).c_str(), n.source);
   if (!n.isDir)
-    fprintf(out, "saveset: %s (index %d)\nsaveset offset: %" PRIu64 "\nrelative offset: %" PRId64 "\n", n.saveset.c_str(),
-           n.savesetIdx, n.savesetOffset, n.relOffset);
+    fprintf(out, "saveset: %s (index %d)\nsaveset offset: %" PRIu64 "\nrelative offset: %" PRId64 "\n",
+            n.saveset.c_str(), n.savesetIdx, n.savesetOffset, n.relOffset);
   if (n.fileId) fprintf(out, "file id: %" PRIu64 "\n", n.fileId);
   return 0;
 }
