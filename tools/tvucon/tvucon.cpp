@@ -119,7 +119,7 @@ int RunInfo(const Module& m, FILE* data) {
     return 1;
   }
   fprintf(data, "description: %s\nversion: %s\nbuild: %s\nflag: %d\n", info.pszDescription, info.pszVersion,
-         info.pszBuild, info.iFlag);
+          info.pszBuild, info.iFlag);
   return 0;
 }
 
