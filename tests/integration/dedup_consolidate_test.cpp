@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <cstdio>
 #include <map>
@@ -141,6 +142,18 @@ TEST_F(DedupConsolidate, OverlongLibraryCountsAreCutAndLoggedAsErrors) {
          &position, &received, &asked, &end);
   ASSERT_EQ(line.size(), static_cast<size_t>(end)) << r.err;
   EXPECT_EQ(asked + 7, received);
+}
+
+// Without the stores' INI folder the module says so on standard output; the
+// stream written there must still be exactly the expected bytes.
+TEST_F(DedupConsolidate, ModuleNotesStayOutOfAStreamOnStandardOutput) {
+  StartServer();
+  Relist("vk4", server_.port());
+  std::filesystem::remove_all(chain_ + "/ini/xfpd_conf");
+  ProcessResult r = Consolidate("-");
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_TRUE(r.out == ReadFile(chain_ + "/expected.cpio")) << "the stream differs: " << r.out.substr(0, 80);
+  EXPECT_TRUE(Contains(r.err, "ERROR path not found: " + chain_ + "/ini/xfpd_conf/\n")) << r.err;
 }
 
 TEST_F(DedupConsolidate, RefusedConnectionEndsTheProcess) {

@@ -18,6 +18,7 @@
 #include <functional>
 #include <iomanip>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -116,6 +117,7 @@ class ChainMount {
 
   const TempDir& tmp() const { return tmp_; }
   std::string finalDir() const { return chain_ + "/final"; }
+  std::string savesetDir() const { return chain_ + "/savesets"; }
   // The consolidated catalog (the generated chains have LSL catalogs).
   std::string catalog() const { return chain_ + "/tqslis/" + saveset_ + "_mnt/" + saveset_ + ".lsl"; }
   const std::string& mnt() const { return mnt_; }
@@ -254,6 +256,64 @@ TEST_P(MountFormat, EveryFileMatchesTheFinalState) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Formats, MountFormat, ::testing::Values("odc", "ext"));
+
+// Reads a whole file through the kernel: its bytes, or the errno of the
+// first failed call.
+int ReadWhole(const std::string& path, std::string* bytes) {
+  bytes->clear();
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return errno;
+  char buf[65536];
+  ssize_t n;
+  while ((n = read(fd, buf, sizeof buf)) > 0) bytes->append(buf, static_cast<size_t>(n));
+  int err = n < 0 ? errno : 0;
+  close(fd);
+  return err;
+}
+
+// Savesets cut after the mount started: every file whose size is known
+// reads back whole or fails with EIO; none comes out short as if it had
+// ended.  Half of the files are looked up before the cut (the kernel then
+// knows their sizes), the others, whose catalog lines give their size, only
+// after it.
+TEST(Mount, ReadsOfACutSavesetFailWithEIO) {
+  SKIP_WITHOUT_FUSE();
+  ChainMount m(60, "1500000");
+  ASSERT_TRUE(m.StartAndWait()) << "the mount did not show demo/";
+  const std::set<std::string> withOffset = tvutest::FilesWithDataOffset(m.catalog());
+  std::vector<std::string> before, after;
+  for (const auto& e : fs::recursive_directory_iterator(m.finalDir())) {
+    if (!e.is_regular_file()) continue;
+    const std::string rel = "/" + fs::relative(e.path(), m.finalDir()).string();
+    if (before.size() <= after.size()) {
+      struct stat st;
+      ASSERT_EQ(0, stat((m.mnt() + rel).c_str(), &st)) << rel;
+      before.push_back(rel);
+    } else if (withOffset.count(rel)) {
+      after.push_back(rel);
+    }
+  }
+  for (const auto& e : fs::directory_iterator(m.savesetDir())) fs::resize_file(e.path(), e.file_size() / 2);
+
+  size_t whole = 0;
+  for (const auto* files : {&before, &after}) {
+    size_t failed = 0;
+    for (const std::string& rel : *files) {
+      const std::string want = ReadFile(m.finalDir() + rel);
+      std::string got;
+      int err = ReadWhole(m.mnt() + rel, &got);
+      if (err == 0) {
+        EXPECT_TRUE(got == want) << rel << ": " << got.size() << " of " << want.size() << " bytes";
+        ++whole;
+      } else {
+        EXPECT_EQ(EIO, err) << rel << ": " << strerror(err);
+        ++failed;
+      }
+    }
+    EXPECT_GT(failed, 0u) << (files == &before ? "looked up before the cut" : "looked up after the cut");
+  }
+  EXPECT_GT(whole, 0u);
+}
 
 TEST(Mount, SignalEndsTheServerAndUnmounts) {
   SKIP_WITHOUT_FUSE();

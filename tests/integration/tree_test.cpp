@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -111,6 +112,63 @@ TEST(TreeCommands, ListStatFindAndErrors) {
   r = RunProcess({BuiltProgram("tvucon"), "ls", "--saveset", "SF20991231000000", "--ini", c.ini, "/"});
   EXPECT_EQ(1, r.exitCode);
   EXPECT_TRUE(Contains(r.err, "Cannot read from [")) << r.err;
+}
+
+// The library prints notes on standard output ("Building cache..."); the
+// data a command writes there must come out alone, the notes on standard error.
+TEST(TreeCommands, StandardOutputCarriesTheDataAlone) {
+  TempDir tmp;
+  TreeChain c = MakeChain(tmp, "newc");
+  std::string rel, want;
+  for (const auto& e : fs::recursive_directory_iterator(c.dir + "/final"))
+    if (e.is_regular_file() && e.file_size() > 0) {
+      rel = e.path().string().substr(c.dir.size() + 6);
+      want = ReadFile(e.path().string());
+      break;
+    }
+  ASSERT_FALSE(rel.empty());
+
+  ProcessResult r = Tree(c, {"cat", "--build-cache", rel});
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_TRUE(r.out == want) << rel << ": " << r.out.substr(0, 200);
+  EXPECT_TRUE(Contains(r.err, "Building cache. This might take a while... \n")) << r.err;
+
+  r = Tree(c, {"ls", "--build-cache", "/demo"});
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_FALSE(Contains(r.out, "Cache built")) << r.out;
+  EXPECT_TRUE(Contains(r.err, "Cache built")) << r.err;
+}
+
+// A saveset cut after the catalog was written: every file whose size the
+// catalog gives reads back whole or fails naming its path; none comes out
+// short with success.
+TEST(TreeCommands, CutSavesetFailsTheReadsItCannotServe) {
+  TempDir tmp;
+  TreeChain c = MakeChain(tmp, "newc");
+  const std::string catalog = c.dir + "/tqslis/" + c.con + "_mnt/" + c.con + ".lsl";
+  const std::set<std::string> files = tvutest::FilesWithDataOffset(catalog);
+  ASSERT_GT(files.size(), 20u);
+  for (const auto& e : fs::directory_iterator(c.dir + "/savesets"))
+    fs::resize_file(e.path(), e.file_size() / 2);
+
+  int failed = 0, whole = 0;
+  for (const std::string& rel : files) {
+    ProcessResult r = Tree(c, {"cat", rel});
+    if (r.exitCode == 0) {
+      EXPECT_TRUE(r.out == ReadFile(c.dir + "/final" + rel)) << rel << " read back differently";
+      ++whole;
+    } else {
+      EXPECT_EQ(1, r.exitCode) << rel;
+      EXPECT_TRUE(Contains(r.err, "tvucon: " + rel + ": ")) << r.err;
+      ++failed;
+    }
+  }
+  EXPECT_GT(failed, 0);
+  EXPECT_GT(whole, 0);
+
+  ProcessResult r = Tree(c, {"export", "/", tmp / "out"});
+  EXPECT_EQ(1, r.exitCode);
+  EXPECT_TRUE(Contains(r.err, "tvucon: /demo/")) << r.err;
 }
 
 }  // namespace

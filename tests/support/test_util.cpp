@@ -95,6 +95,23 @@ int Shell(const std::string& command) {
   return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
 }
 
+std::set<std::string> FilesWithDataOffset(const std::string& catalog) {
+  std::set<std::string> files;
+  std::ifstream f(catalog);
+  std::string line;
+  while (std::getline(f, line)) {
+    size_t close = line[0] == '"' ? line.find('"', 1) : std::string::npos;
+    if (close == std::string::npos) continue;
+    // "PATH" TYPE CDATE CTIME MDATE MTIME SAVESET-OFFSET RELATIVE-OFFSET ...
+    std::istringstream rest(line.substr(close + 1));
+    std::string type, date, time;
+    long long savesetOffset = 0, relOffset = 0;
+    rest >> type >> date >> time >> date >> time >> savesetOffset >> relOffset;
+    if (rest && type == "f" && relOffset >= 1) files.insert("/" + line.substr(1, close - 1));
+  }
+  return files;
+}
+
 std::string BuiltProgram(const std::string& name) { return std::string(TVU_BINARY_DIR) + "/" + name; }
 
 }  // namespace tvutest

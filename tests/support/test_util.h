@@ -4,6 +4,7 @@
 #define TVU_TESTS_TEST_UTIL_H
 
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,11 @@ ProcessResult RunProcess(const std::vector<std::string>& argv,
 
 // Runs a shell command line (for foreign tools such as cpio); returns its exit status.
 int Shell(const std::string& command);
+
+// The files of a consolidated catalog whose lines carry where their data
+// starts (a relative offset of 1 or more), as tree paths ("/a/b.txt").  The
+// others are located in their saveset stream when first needed.
+std::set<std::string> FilesWithDataOffset(const std::string& catalog);
 
 // Path of a program built into the build folder (mkchain, tvucon).
 std::string BuiltProgram(const std::string& name);

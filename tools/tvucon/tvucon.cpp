@@ -4,6 +4,10 @@
 // Exit status: 0 when DB_ReadBlock ended with DB_NUM_I_END and the whole
 // stream was written; 1 on any failure (the module itself also ends the
 // process with 1 on unrecoverable conditions); 2 for a bad command line.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
@@ -107,19 +111,19 @@ class Progress {
   uint64_t last_ = 0;
 };
 
-int RunInfo(const Module& m) {
+int RunInfo(const Module& m, FILE* data) {
   DB_INFO info;
   memset(&info, 0, sizeof info);
   if (m.GetInfo(&info) != DB_NUM_I_OK) {
     fprintf(stderr, "tvucon: DB_GetInfo failed: %s\n", ModuleError(m).c_str());
     return 1;
   }
-  printf("description: %s\nversion: %s\nbuild: %s\nflag: %d\n", info.pszDescription, info.pszVersion,
-         info.pszBuild, info.iFlag);
+  fprintf(data, "description: %s\nversion: %s\nbuild: %s\nflag: %d\n", info.pszDescription, info.pszVersion,
+          info.pszBuild, info.iFlag);
   return 0;
 }
 
-int RunConsolidate(const Module& m, const TvuconOptions& o) {
+int RunConsolidate(const Module& m, const TvuconOptions& o, FILE* data) {
   DB_INFO info;
   memset(&info, 0, sizeof info);
   m.GetInfo(&info);
@@ -133,7 +137,7 @@ int RunConsolidate(const Module& m, const TvuconOptions& o) {
     return 1;
   }
 
-  FILE* out = o.output == "-" ? stdout : pf::FOpen(o.output.c_str(), "wb");
+  FILE* out = o.output == "-" ? data : pf::FOpen(o.output.c_str(), "wb");
   if (!out) {
     fprintf(stderr, "tvucon: cannot create %s: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
     m.CloseOperation();
@@ -194,13 +198,9 @@ int RunConsolidate(const Module& m, const TvuconOptions& o) {
       total += trailer.size();
     }
   }
-  if (out != stdout) {
-    if (fclose(out) != 0 && status == 0) {
-      fprintf(stderr, "tvucon: closing %s failed: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
-      status = 1;
-    }
-  } else {
-    fflush(stdout);
+  if (out != data && fclose(out) != 0 && status == 0) {
+    fprintf(stderr, "tvucon: closing %s failed: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
+    status = 1;
   }
 
   m.CloseItem();
@@ -215,6 +215,43 @@ int RunConsolidate(const Module& m, const TvuconOptions& o) {
             o.saveset.c_str(), total, blocks, progress.Seconds(), progress.Rate(total));
   }
   return status;
+}
+
+// True when the command writes its result to standard output.
+bool WritesToStandardOutput(const TvuconOptions& o) {
+  if (o.command == "consolidate") return o.output == "-";
+  return o.command != "mount" && o.command != "export";
+}
+
+// The module and this process's own copy of the library print notes with
+// printf ("Building cache...", "ERROR path not found: ..."), and they must
+// not end up inside the data a command writes to standard output.  The data
+// keeps the original standard output on a descriptor of its own; descriptor
+// 1 is then pointed at standard error, so the notes land there, line by line
+// in their order with the other messages.  Returns the stream for the data,
+// or null when `keepData` is false (a mount writes no data, and its server
+// must not hold the caller's output open) or on failure (*error set).
+FILE* SeparateDataOutput(bool keepData, std::string* error) {
+  FILE* data = nullptr;
+  if (keepData) {
+    int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (fd < 0 || !(data = fdopen(fd, "wb"))) {
+      *error = std::string("standard output: ") + strerror(errno);
+      if (fd >= 0) close(fd);
+      return nullptr;
+    }
+  }
+  // Descriptor 1 must stay open whatever happens: a file opened later would
+  // otherwise get it and receive the notes.
+  if (dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0 && null != STDOUT_FILENO) {
+      dup2(null, STDOUT_FILENO);
+      close(null);
+    }
+  }
+  setvbuf(stdout, nullptr, _IOLBF, 0);
+  return data;
 }
 
 }  // namespace
@@ -235,6 +272,12 @@ int main(int argc, char** argv) {
     fprintf(stderr, "tvucon: %s\n%s", error.c_str(), TvuconUsage());
     return 2;
   }
+  const bool writesData = WritesToStandardOutput(o);
+  FILE* data = SeparateDataOutput(writesData, &error);
+  if (writesData && !data) {
+    fprintf(stderr, "tvucon: %s\n", error.c_str());
+    return 1;
+  }
   g_logLevel = o.logLevel;
   if (!o.ini.empty()) pf::SetEnv("TQ_INI", o.ini.c_str());
   if (!o.traceFile.empty()) {
@@ -246,21 +289,25 @@ int main(int argc, char** argv) {
     }
   }
 
+  int status;
   if (IsTreeCommand(o.command)) {
-    int treeStatus = RunTreeCommand(o, TraceHook);
-    if (g_traceFile) fclose(g_traceFile);
-    return treeStatus;
+    status = RunTreeCommand(o, TraceHook, data);
+  } else {
+    std::string path = o.module.empty() ? pf::ExecutableDir() + "libtvu_con.so" : o.module;
+    Module m;
+    if (!LoadModule(path, &m, &error)) {
+      fprintf(stderr, "tvucon: cannot load module: %s\n", error.c_str());
+      status = 1;
+    } else {
+      m.SetLog(FallbackLog);
+      m.SetTrace(TraceHook);
+      status = o.command == "info" ? RunInfo(m, data) : RunConsolidate(m, o, data);
+    }
   }
-
-  std::string path = o.module.empty() ? pf::ExecutableDir() + "libtvu_con.so" : o.module;
-  Module m;
-  if (!LoadModule(path, &m, &error)) {
-    fprintf(stderr, "tvucon: cannot load module: %s\n", error.c_str());
-    return 1;
+  if (data && fclose(data) != 0 && status == 0) {
+    fprintf(stderr, "tvucon: writing to standard output failed: %s\n", strerror(errno));
+    status = 1;
   }
-  m.SetLog(FallbackLog);
-  m.SetTrace(TraceHook);
-  int status = o.command == "info" ? RunInfo(m) : RunConsolidate(m, o);
   if (g_traceFile) fclose(g_traceFile);
   return status;
 }

@@ -165,12 +165,18 @@ int OnRead(const char* path, char* buf, size_t size, off_t offset, fuse_file_inf
       if (!node) return FuseStatus(ENOENT);
     }
     // A short answer means end of file to the kernel: keep reading until the
-    // request is full or the file ends.
+    // request is full or the file ends.  Nothing read before the file's end
+    // is a failure (a saveset cut after the tree was built, an unreadable
+    // stream), never an early end of file.
     size_t done = 0;
     while (done < size) {
-      int64_t n = tvu::Read(node, static_cast<uint64_t>(offset) + done, buf + done, size - done);
+      const uint64_t at = static_cast<uint64_t>(offset) + done;
+      int64_t n = tvu::Read(node, at, buf + done, size - done);
       if (n < 0) return FuseStatus(static_cast<int>(n));
-      if (n == 0) break;
+      if (n == 0) {
+        if (at < tvu::Describe(node, path ? path : "").size) return FuseStatus(EIO);
+        break;
+      }
       done += static_cast<size_t>(n);
     }
     return static_cast<int>(done);
@@ -179,7 +185,9 @@ int OnRead(const char* path, char* buf, size_t size, off_t offset, fuse_file_inf
 
 // Reads that lie in one range of a saveset file are answered with that file
 // region, which libfuse splices to the kernel without copying the bytes;
-// every other read goes through OnRead into a buffer.
+// every other read goes through OnRead into a buffer.  libfuse answers with
+// whatever part of the region the file holds, so a file that no longer
+// reaches the region's end fails the read here instead.
 int OnReadBuf(const char* path, fuse_bufvec** bufp, size_t size, off_t offset, fuse_file_info* fi) {
   return Serve([&] {
     if (offset < 0) return FuseStatus(EINVAL);
@@ -187,6 +195,9 @@ int OnReadBuf(const char* path, fuse_bufvec** bufp, size_t size, off_t offset, f
     intptr_t handle = -1;
     uint64_t position = 0, count = 0;
     if (node && tvu::MapToFile(node, static_cast<uint64_t>(offset), size, &handle, &position, &count) == 0) {
+      struct stat st;
+      if (fstat(static_cast<int>(handle), &st) != 0) return FuseStatus(errno);
+      if (st.st_size < 0 || static_cast<uint64_t>(st.st_size) < position + count) return FuseStatus(EIO);
       auto* vec = static_cast<fuse_bufvec*>(malloc(sizeof(fuse_bufvec)));
       if (!vec) return FuseStatus(ENOMEM);
       *vec = FUSE_BUFVEC_INIT(static_cast<size_t>(count));

@@ -10,7 +10,9 @@
 //   - opening for writing, and every operation that would change the tree
 //     (create, write, truncate, mkdir, unlink, rename, chmod, ...), fail with
 //     EROFS; a path that is not in the tree fails with the tree's errno
-//     (ENOENT, ENOTDIR, ...); internal failures become EIO.  No path, good or
+//     (ENOENT, ENOTDIR, ...); internal failures become EIO, and so does a
+//     read that finds fewer bytes than the file's size promises (a saveset
+//     cut after the mount started): never a short file.  No path, good or
 //     bad, ends the process.
 //   - the kernel mount is "ro,default_permissions,fsname=tvucon" of type
 //     fuse.tvucon with reads of up to 1 MiB; since the tree cannot change

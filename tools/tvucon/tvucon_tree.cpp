@@ -30,8 +30,8 @@ std::string TimeText(time_t t) {
 
 // One line per entry: type, size, modification time, where the newest copy
 // lies, name.
-void PrintEntry(const tvu::NodeInfo& e, const std::string& name) {
-  printf("%c %12" PRIu64 " %s %-22s %10" PRIu64 " %8" PRId64 "  %s\n", e.isDir ? 'd' : e.type, e.size,
+void PrintEntry(FILE* out, const tvu::NodeInfo& e, const std::string& name) {
+  fprintf(out, "%c %12" PRIu64 " %s %-22s %10" PRIu64 " %8" PRId64 "  %s\n", e.isDir ? 'd' : e.type, e.size,
          TimeText(e.mtime).c_str(), e.saveset.empty() ? "-" : e.saveset.c_str(), e.savesetOffset, e.relOffset,
          name.c_str());
 }
@@ -41,31 +41,31 @@ int Fail(const std::string& what, int err) {
   return 1;
 }
 
-int CmdLs(const TvuconOptions& o) {
+int CmdLs(const TvuconOptions& o, FILE* out) {
   tvu::NodeInfo self;
   int rc = tvu::Stat(o.path, &self);
   if (rc != 0) return Fail(o.path, rc);
   if (!self.isDir) {
-    PrintEntry(self, self.path);
+    PrintEntry(out, self, self.path);
     return 0;
   }
   std::vector<tvu::NodeInfo> entries;
   rc = tvu::List(o.path, &entries);
   if (rc != 0) return Fail(o.path, rc);
-  for (const auto& e : entries) PrintEntry(e, e.name);
+  for (const auto& e : entries) PrintEntry(out, e, e.name);
   return 0;
 }
 
-int CmdStat(const TvuconOptions& o) {
+int CmdStat(const TvuconOptions& o, FILE* out) {
   tvu::NodeInfo n;
   int rc = tvu::Stat(o.path, &n);
   if (rc != 0) return Fail(o.path, rc);
-  printf("path: %s\ntype: %c\nsize: %" PRIu64 "\nctime: %s\nmtime: %s\nsource: %" PRId64 "\n", n.path.c_str(),
+  fprintf(out, "path: %s\ntype: %c\nsize: %" PRIu64 "\nctime: %s\nmtime: %s\nsource: %" PRId64 "\n", n.path.c_str(),
          n.type, n.size, TimeText(n.ctime).c_str(), TimeText(n.mtime).c_str(), n.source);
   if (!n.isDir)
-    printf("saveset: %s (index %d)\nsaveset offset: %" PRIu64 "\nrelative offset: %" PRId64 "\n", n.saveset.c_str(),
-           n.savesetIdx, n.savesetOffset, n.relOffset);
-  if (n.fileId) printf("file id: %" PRIu64 "\n", n.fileId);
+    fprintf(out, "saveset: %s (index %d)\nsaveset offset: %" PRIu64 "\nrelative offset: %" PRId64 "\n",
+            n.saveset.c_str(), n.savesetIdx, n.savesetOffset, n.relOffset);
+  if (n.fileId) fprintf(out, "file id: %" PRIu64 "\n", n.fileId);
   return 0;
 }
 
@@ -87,14 +87,14 @@ int CopyFile(LIS_NODE* node, const tvu::NodeInfo& info, FILE* out, const std::st
   return 0;
 }
 
-int CmdCat(const TvuconOptions& o) {
+int CmdCat(const TvuconOptions& o, FILE* out) {
   LIS_NODE* node = nullptr;
   int rc = tvu::Lookup(o.path, &node);
   if (rc != 0) return Fail(o.path, rc);
   tvu::NodeInfo info = tvu::Describe(node, o.path);
   if (info.isDir) return Fail(o.path, EISDIR);
-  setvbuf(stdout, nullptr, _IONBF, 0);
-  return CopyFile(node, info, stdout, o.path);
+  setvbuf(out, nullptr, _IONBF, 0);
+  return CopyFile(node, info, out, o.path);
 }
 
 int Walk(const std::string& path, int (*visit)(const tvu::NodeInfo&, const std::string&, void*), void* ctx) {
@@ -108,13 +108,13 @@ int Walk(const std::string& path, int (*visit)(const tvu::NodeInfo&, const std::
   return 0;
 }
 
-int CmdFind(const TvuconOptions& o) {
+int CmdFind(const TvuconOptions& o, FILE* out) {
   uint64_t lines = tvu::BuildAll();
   fprintf(stderr, "tvucon: complete tree built from %" PRIu64 " catalog lines\n", lines);
-  return Walk(o.path, [](const tvu::NodeInfo& e, const std::string& p, void*) {
-    PrintEntry(e, p);
+  return Walk(o.path, [](const tvu::NodeInfo& e, const std::string& p, void* ctx) {
+    PrintEntry(static_cast<FILE*>(ctx), e, p);
     return 0;
-  }, nullptr);
+  }, out);
 }
 
 struct ExportContext {
@@ -161,7 +161,7 @@ bool IsTreeCommand(const std::string& c) {
   return c == "ls" || c == "stat" || c == "cat" || c == "find" || c == "export" || c == "mount";
 }
 
-int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook) {
+int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook, FILE* out) {
   // The tree is read by this process's own copy of the library; its log
   // lines reach vttvu_log like the module's.
   DB_SetLog(nullptr);
@@ -177,10 +177,10 @@ int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook) {
     return 1;
   }
   int status;
-  if (o.command == "ls") status = CmdLs(o);
-  else if (o.command == "stat") status = CmdStat(o);
-  else if (o.command == "cat") status = CmdCat(o);
-  else if (o.command == "find") status = CmdFind(o);
+  if (o.command == "ls") status = CmdLs(o, out);
+  else if (o.command == "stat") status = CmdStat(o, out);
+  else if (o.command == "cat") status = CmdCat(o, out);
+  else if (o.command == "find") status = CmdFind(o, out);
   else if (o.command == "export") status = CmdExport(o);
   else {
     status = TvuconMount(o.path, o.foreground, o.debug, &error) == 0 ? 0 : 1;
