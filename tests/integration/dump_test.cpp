@@ -4,6 +4,7 @@
 // a loop device (scripts/make_dump_fixtures.sh), so these tests need none.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "support/dump_fixture.h"
 #include "support/test_util.h"
+#include "vfs/tq_vfs_api.h"
 
 namespace fs = std::filesystem;
 
@@ -128,6 +130,39 @@ TEST(DumpTree, ChainReadsAsItsFinalState) {
 
   r = Tvucon(c, {"consolidate", "--output", tmp / "stream"});
   EXPECT_EQ(0, r.exitCode) << r.err;
+}
+
+// The library's tree interface in this process: every file of the chain's
+// final state read in pieces of 1000 bytes, which start and end anywhere in
+// a block, a hole or before a continuation header.
+TEST(DumpTree, TreeInterfaceReadsInPiecesAsRestoreExtracts) {
+  if (!HaveRestore()) GTEST_SKIP() << "restore is not installed";
+  TempDir tmp;
+  const std::vector<std::string> levels = {"level0.dump", "level1.dump", "level2.dump"};
+  const DumpChain c = MakeChain(tmp, levels);
+  Restore(tmp / "final", levels, true);
+  setenv("TQ_INI", c.ini.c_str(), 1);
+  std::string error;
+  ASSERT_EQ(0, tvu::Open(tvu::TreeOptions{c.con, false, ""}, &error)) << error;
+  int checked = 0;
+  for (const auto& e : fs::recursive_directory_iterator(tmp / "final")) {
+    if (!e.is_regular_file()) continue;
+    const std::string rel = e.path().string().substr(tmp.path().size() + 6);
+    const std::string want = ReadFile(e.path().string());
+    tvu::NodeInfo info;
+    ASSERT_EQ(0, tvu::Stat(rel, &info)) << rel;
+    EXPECT_EQ(want.size(), info.size) << rel;
+    LIS_NODE* node = nullptr;
+    ASSERT_EQ(0, tvu::Lookup(rel, &node)) << rel;
+    std::string got;
+    char buf[1000];
+    for (int64_t n; (n = tvu::Read(node, got.size(), buf, sizeof buf)) > 0;) got.append(buf, static_cast<size_t>(n));
+    EXPECT_TRUE(got == want) << rel;
+    ++checked;
+  }
+  tvu::Close();
+  unsetenv("TQ_INI");
+  EXPECT_EQ(13, checked);
 }
 
 // A saveset of a dump chain that is compressed, or no dump at all, ends the
