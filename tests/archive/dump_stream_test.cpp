@@ -1,5 +1,5 @@
 // Tests of the walk over a dump item's headers (analyzeUFSblock) and of the
-// block map it builds.
+// block map it builds (its lookup is exercised by the reads of dump_read_test).
 #include <gtest/gtest.h>
 
 #include <string>
@@ -88,25 +88,6 @@ TEST(AnalyzeUFSblock, WalkOverContinuationHeaders) {
                      {699, kDumpHole, 1}});
   EXPECT_EQ(addr + 188 * 1024, w.map.ullSpan);
   EXPECT_EQ(700u * 1024 - 5, w.map.ullSize);
-}
-
-TEST(DumpItemMap, FindAtRunBorders) {
-  DUMP_ITEM_MAP m;
-  m.vRuns = {{0, 1024, 2}, {2, kDumpHole, 3}, {5, 9000, 1}};
-  EXPECT_EQ(&m.vRuns[0], m.Find(0));
-  EXPECT_EQ(&m.vRuns[0], m.Find(1));
-  EXPECT_EQ(&m.vRuns[1], m.Find(2));
-  EXPECT_EQ(&m.vRuns[1], m.Find(4));
-  EXPECT_EQ(&m.vRuns[2], m.Find(5));
-  EXPECT_EQ(nullptr, m.Find(6));
-  EXPECT_EQ(nullptr, DUMP_ITEM_MAP().Find(0));
-}
-
-TEST(DumpCheckVolume, FirstRecordDecides) {
-  auto check = [](const std::string& rec) { return DumpCheckVolume(reinterpret_cast<const uint8_t*>(rec.data())); };
-  EXPECT_EQ(0, check(DumpHeader(1, 0, {}, 0, 0x3)));
-  EXPECT_EQ(1, check(DumpHeader(1, 0, {}, 0, 0x83)));
-  EXPECT_EQ(-1, check(std::string(1024, '7')));
 }
 
 }  // namespace
