@@ -28,6 +28,7 @@
 #include "chain_model.h"
 #include "relist.h"
 #include "chain_outputs.h"
+#include "dump_chain.h"
 #include "saveset_writer.h"
 #include "vm_disk.h"
 
@@ -56,7 +57,11 @@ const char kUsage[] =
     "  1 MiB) saved with changed-block tracking; 0 makes none.\n"
     "       mkchain relist --out DIR --media file|vk4|vk4ng [--dedup-host H] [--dedup-port P]\n"
     "               [--http-type T (hyper)]\n"
-    "  rewrites the saveset list of the chain in DIR for savesets read from that medium.\n";
+    "  rewrites the saveset list of the chain in DIR for savesets read from that medium.\n"
+    "       mkchain dump --out DIR [--restore PROGRAM] DUMP...\n"
+    "  a chain of UFS dump savesets (oldest first) with catalogs from the dumps and restore -t.\n"
+    "       mkchain swapdump IN OUT\n"
+    "  copies a dump with its header records in the other byte order.\n";
 
 bool ParseNumber(const std::string& text, uint64_t* value) {
   if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
@@ -271,6 +276,8 @@ static int Relist(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   if (argc > 1 && std::string(argv[1]) == "relist") return Relist(argc, argv);
+  if (argc > 1 && std::string(argv[1]) == "dump") return mkchain::DumpChainMain(argc, argv);
+  if (argc > 1 && std::string(argv[1]) == "swapdump") return mkchain::SwapDumpMain(argc, argv);
   mkchain::Options options;
   std::string error = mkchain::ParseOptions(argc, argv, &options);
   if (error == "help") {

@@ -199,7 +199,13 @@ uint32_t OperationInit(uint32_t type, uint32_t flags, char** controlVariables, c
     return DB_NUM_E_FAILED;
   }
 
-  InitVFS(ConsolidationArgs());
+  // Most failures of InitVFS show up at the first read; a saveset that is not
+  // the kind of volume the chain's data type says ends the operation here.
+  if (InitVFS(ConsolidationArgs()) != 0 && !InitVFSFailure().empty()) {
+    tvu_log_error("%s", InitVFSFailure().c_str());
+    OperationClose();
+    return DB_NUM_E_FAILED;
+  }
   return DB_NUM_I_OK;
 }
 

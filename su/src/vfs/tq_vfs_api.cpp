@@ -92,8 +92,10 @@ int Open(const TreeOptions& options, std::string* error) {
   gVOPTIONS.iBuildCache = options.buildCache ? 1 : 0;
   VfsSetMapperRulesFile(options.rulesFile.c_str());
   if (InitVFS(ConsolidationArgs()) != 0) {
-    *error = "the virtual file system could not be brought up over the chain of " + options.saveset +
-             " (a saveset could not be opened; TQ_TRACE_LEVEL=1 and TQ_TRACE_FILE tell more)";
+    *error = !InitVFSFailure().empty()
+                 ? InitVFSFailure()
+                 : "the virtual file system could not be brought up over the chain of " + options.saveset +
+                       " (a saveset could not be opened; TQ_TRACE_LEVEL=1 and TQ_TRACE_FILE tell more)";
     TerminateVFS();
     saveset_table_free();
     return EIO;
@@ -143,8 +145,9 @@ NodeInfo Describe(LIS_NODE* node, const std::string& path) {
   info.type = node->cType;
   info.isDir = IsDirectory(node);
   info.source = node->llSource;
-  if (!info.isDir && node->llSource == nsSAVESET && node->sLoc.relOff == 0 &&
-      CatalogGetSavesetType() == sdtCPIO) {
+  const int32_t dataType = CatalogGetSavesetType();
+  if (!info.isDir && node->llSource == nsSAVESET &&
+      ((node->sLoc.relOff == 0 && dataType == sdtCPIO) || (node->sLoc.relOff < 0 && dataType == sdtDUMP))) {
     // The size of an item not yet located in its stream comes from the stream.
     char none;
     ReadFromVFS(g_saveset.c_str(), node, 0, &none, 0);

@@ -324,9 +324,15 @@ void LISCacheFillFromEntry(LIS_NODE* node, const LIS_ENTRY& entry) {
   node->iHandle = 0;
   // A located file's data size is the fourth number (the third is the span of
   // its whole record).  A file not yet located starts from the same number
-  // and gets its size from its stream; a directory has none.
+  // and gets its size from its stream; a directory has none.  In a dump
+  // saveset the fourth number is the inode number and every file is located
+  // by its walk (the catalog's relative offset is not used): it starts with
+  // no size and a negative relative offset.
   if (entry.cType == 'd') {
     node->ullSize = 0;
+  } else if (entry.cType == 'f' && CatalogGetSavesetType() == sdtDUMP) {
+    node->ullSize = 0;
+    node->sLoc.relOff = -1;
   } else if (entry.cType == 'f') {
     node->ullSize = entry.llFourth > 0 ? static_cast<uint64_t>(entry.llFourth) : 0;
   } else {

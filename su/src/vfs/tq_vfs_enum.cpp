@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "archive/cpio_stream.h"
+#include "archive/dump_stream.h"
 #include "platform/platform.h"
 #include "report/tvu_report.h"
 #include "runtime/lis_search.h"
@@ -93,6 +94,12 @@ void DropDriveColon(std::wstring* name) {
 
 // True for the data types whose streams can locate an entry's data.
 bool HasStreamUpdate(int32_t dataType) { return dataType == sdtCPIO || dataType == sdtMTF || dataType == sdtDUMP; }
+
+// A file whose data is still to be located: dump items until their walk ran
+// (negative relative offset), the others while the relative offset is below 1.
+bool NeedsLocating(const LIS_NODE* node) {
+  return CatalogGetSavesetType() == sdtDUMP ? node->sLoc.relOff < 0 : node->sLoc.relOff < 1;
+}
 
 void CopyChildren(const LIS_NODE* dir, std::vector<LIS_NODE*>* result) {
   if (result == nullptr) return;
@@ -171,7 +178,7 @@ void InsertEntries(FILE* tmp, LIS_NODE* dir, bool collect, std::vector<Pending>*
     TraceAdding(rec);
     LIS_NODE* node = LISCacheInsertEntry(dir, rec);
     WRITE_TRACE(3, "added [%ls]", node->wsName.c_str());
-    if (!collect || rec.cType != 'f' || rec.llRelOffset >= 1) continue;
+    if (!collect || rec.cType != 'f' || !NeedsLocating(node)) continue;
     auto it = pendingPos.find(node);
     if (it == pendingPos.end()) {
       pendingPos.emplace(node, pending->size());
@@ -187,7 +194,7 @@ void UpdateFromSavesets(std::vector<Pending>* pending) {
   // A file whose last entry was already located needs nothing.
   std::vector<Pending> todo;
   for (Pending& p : *pending) {
-    if (p.node->cType == 'f' && p.node->sLoc.relOff < 1) todo.push_back(std::move(p));
+    if (p.node->cType == 'f' && NeedsLocating(p.node)) todo.push_back(std::move(p));
   }
   if (todo.empty()) {
     WRITE_TRACE(2, "No entries to update from saveset");
@@ -361,7 +368,7 @@ void AddFile(LIS_NODE* root, const LIS_ENTRY& rec, const std::wstring& treePath,
     s_fileTable.push_back(node);
     node->fileId = s_fileTable.size();
   }
-  if (rec.llRelOffset < 1 && HasStreamUpdate(dataType) &&
+  if (NeedsLocating(node) && HasStreamUpdate(dataType) &&
       VfsUpdateEntryFromSaveset(node, rec.sPath.c_str()) != 0) {
     WRITE_TRACE(1, "Unable to locate %s in saveset", rec.sPath.c_str());
   }
@@ -471,12 +478,18 @@ int VfsUpdateEntryFromSaveset(LIS_NODE* node, const char* narrowPath) {
       WRITE_TRACE(1, "MTF entry update not available in this build [%s]", path);
       VfsTimerStop(vtMTF);
       return 1;
-    case sdtDUMP:
-      // TODO: the UFS dump reader is not part of this build.
-      VfsTimerStart(vtDUMP);
-      WRITE_TRACE(1, "DUMP entry update not available in this build [%s]", path);
-      VfsTimerStop(vtDUMP);
-      return 1;
+    case sdtDUMP: {
+      // The walk finds the item by its inode number, the line's fourth number.
+      DUMP_ENTRY_UPDATE u;
+      u.iSavesetIdx = node->sLoc.ssetIdx;
+      u.ullSavesetOffset = node->sLoc.ssetOff;
+      u.llInode = node->llFourth;
+      u.wsName = node->wsName;
+      const int rc = UpdateFSEntryFromDUMPSaveset(&u);
+      node->sLoc.relOff = u.llRelOffset;
+      if (rc == 0) node->ullSize = u.ullSize;
+      return rc;
+    }
     default:
       WRITE_TRACE(2, "No entry update for saveset data type %d [%s]", dataType, path);
       return 1;

@@ -32,7 +32,8 @@ const std::vector<LIS_NODE*>& VfsFileTable();
 uint64_t VfsFileTableAppend(LIS_NODE* node);
 
 // Completes a node from its saveset stream by the saveset data type (CPIO:
-// relative data offset and size).  0 when located.
+// relative data offset and size; dump: the item's block map, relative offset
+// 0 and di_size as size).  0 when located.
 int VfsUpdateEntryFromSaveset(LIS_NODE* node, const char* narrowPath);
 
 // Forgets the file table (TerminateVFS).

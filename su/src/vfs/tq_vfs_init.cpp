@@ -5,6 +5,8 @@
 #include <cstring>
 #include <vector>
 
+#include "archive/dump_format.h"
+#include "archive/dump_stream.h"
 #include "platform/platform.h"
 #include "vfs/tq_vfs_chain.h"
 #include "vfs/tq_vfs_args.h"
@@ -26,10 +28,13 @@ namespace {
 bool s_bTerminate = false;
 std::string s_sLslPath;
 std::string s_sLstPath;
+std::string s_sFailure;  // why the last InitVFS failed, when it says so
 
 }  // namespace
 
 bool VfsTerminating() { return s_bTerminate; }
+
+const std::string& InitVFSFailure() { return s_sFailure; }
 
 std::string SiblingCatalogPath(const char* catalogPath, const char* extension) {
   std::string path(catalogPath);
@@ -40,12 +45,46 @@ std::string SiblingCatalogPath(const char* catalogPath, const char* extension) {
 
 static int InitVFSTree();
 
+// The first record of a saveset of a "-t dump" chain must be the header of a
+// dump volume that is not compressed.  Reads it, seeks back to 0 and checks
+// it; 0 when the saveset can be read as a dump.
+static int CheckDumpVolume(int32_t i) {
+  const char* name = g_psSavesets[i].szName;
+  WRITE_TRACE(1, "DUMP type requested. Checking if this is a valid UFS volume");
+  uint8_t first[dump::kRecordSize];
+  uint64_t got = 0;
+  uint8_t eof = 0;
+  if (saveset_read(i, first, sizeof first, &got, &eof) != 0) {
+    WRITE_TRACE(1, "Cannot read from saveset [%s]\n", name);
+    fprintf(stderr, "ERROR: Cannot read from saveset [%s]", name);
+    return 1;
+  }
+  if (saveset_seek(i, 0) != 0) {
+    WRITE_TRACE(1, "Cannot seek on saveset [%s]", name);
+    fprintf(stderr, "ERROR: Cannot seek on saveset [%s]\n", name);
+    return 1;
+  }
+  // A saveset shorter than one record is no dump either.
+  const int reason = got == sizeof first ? DumpCheckVolume(first) : -1;
+  if (reason == 0) return 0;
+  if (reason == 1) WRITE_TRACE(1, "Saveset is compressed but compresesed savesets are not supported");
+  WRITE_TRACE(1, "Saveset [%s] is not a valid UFS volume. r = %d.", name, reason);
+  const char* why = reason == 1 ? "Compression not supported" : "Unknown error";
+  fprintf(stderr, "ERROR: Saveset is not supported [%s]. Not a valid UFS volume as requested with -t dump switch\n",
+          name);
+  fprintf(stderr, "%s\n", why);
+  s_sFailure = std::string("Saveset is not supported [") + name +
+               "]. Not a valid UFS volume as requested with -t dump switch: " + why;
+  return 1;
+}
+
 int InitVFS(const CON_ARGS* args) {
   WRITE_TRACE(1, "+++InitVFS");
   VfsTimerReset();
   if (gVOPTIONS.iStartDelaySec > 0) pf::SleepMs(static_cast<uint32_t>(gVOPTIONS.iStartDelaySec) * 1000u);
   CatalogSetSavesetType(args->iSavesetType);
   s_bTerminate = false;
+  s_sFailure.clear();
 
   s_sLslPath = SiblingCatalogPath(args->pszCatalogPath, ".lsl");
   s_sLstPath = SiblingCatalogPath(args->pszCatalogPath, ".lst");
@@ -81,12 +120,9 @@ int InitVFS(const CON_ARGS* args) {
       WRITE_TRACE(1, "---InitVFS");
       return 1;
     }
-    if (args->iSavesetType == sdtDUMP) {
-      // TODO: the UFS dump header check of every saveset belongs here; until
-      // the dump reader exists a dump chain is streamed without it.
-      WRITE_TRACE(1, "DUMP type requested. Checking if this is a valid UFS volume");
-      WRITE_TRACE(1, "UFS volume check not available in this build; saveset [%s] not checked",
-                  g_psSavesets[i].szName);
+    if (args->iSavesetType == sdtDUMP && CheckDumpVolume(i) != 0) {
+      WRITE_TRACE(1, "---InitVFS");
+      return 1;
     }
     WRITE_TRACE(1, "processed saveset %d", i);
   }
@@ -151,6 +187,7 @@ void TerminateVFS() {
   VfsEnumReset();
   vfile_tables_clear();
   VmdkReset();
+  DumpItemMapsReset();
   WRITE_TRACE(1, "---DestroyLISCache entriesRemoved=%llu", removed);
   WRITE_TRACE(1, "---TerminateVFS");
 }

@@ -26,6 +26,11 @@ void TerminateVFS();
 // fewer), kept whole.
 std::string SiblingCatalogPath(const char* catalogPath, const char* extension);
 
+// Why the last InitVFS failed, for the failures that end the operation (a
+// saveset of a dump chain that is no dump volume, or a compressed one); empty
+// otherwise.
+const std::string& InitVFSFailure();
+
 // True once TerminateVFS has begun.
 bool VfsTerminating();
 

@@ -293,7 +293,8 @@ void MapCatalogItem(const Rule& r, LIS_NODE* target) {
 
   LIS_NODE* node = NewFileNode(rec.wsBaseName, nsSAVESET);
   LISCacheFillFromEntry(node, rec);
-  if (rec.llRelOffset < 1) {
+  // A dump item is always located by its walk (its relative offset is not used).
+  if (rec.llRelOffset < 1 || CatalogGetSavesetType() == sdtDUMP) {
     const int32_t dataType = CatalogGetSavesetType();
     if ((dataType == sdtMTF || dataType == sdtCPIO || dataType == sdtDUMP) &&
         VfsUpdateEntryFromSaveset(node, rec.sPath.c_str()) != 0) {

@@ -1,8 +1,14 @@
 // tq_vfs_read.cpp - the read paths of tree nodes, one per source kind.
 #include "vfs/tq_vfs_read.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstring>
+#include <memory>
 #include <string>
+
+#include "archive/dump_format.h"
+#include "archive/dump_stream.h"
 
 #include "platform/platform.h"
 #include "runtime/text.h"
@@ -173,24 +179,104 @@ uint64_t ReadFromSaveset(const char* context, LIS_NODE* node, uint64_t fileOffse
   return got;
 }
 
+// A dump item's bytes lie in 1 KiB records among headers and other items'
+// records, and its holes have none; the block map of its walk says where each
+// block is.  The item is located before its first read (which gives its
+// size, di_size), then each piece of the read that lies in one run of the map
+// is one saveset read, or zeros for a hole.  A piece never crosses a run's
+// border, so a block-aligned read of 1024 bytes is always one saveset read.
 uint64_t ReadFromDUMPSaveset(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
   (void)context;
-  (void)buffer;
+  SAVESET_LOCATION& loc = node->sLoc;
   WRITE_TRACE(2,
               "+++ReadFromDUMPSaveset [%s] file to read [%ls] file offset [%llu] buffer size [%llu] saveset offset "
               "[%llu] relative offset [%lu]",
-              SavesetName(node->sLoc.ssetIdx), node->wsName.c_str(), static_cast<unsigned long long>(fileOffset),
-              static_cast<unsigned long long>(size), static_cast<unsigned long long>(node->sLoc.ssetOff),
-              static_cast<unsigned long>(node->sLoc.relOff));
+              SavesetName(loc.ssetIdx), node->wsName.c_str(), static_cast<unsigned long long>(fileOffset),
+              static_cast<unsigned long long>(size), static_cast<unsigned long long>(loc.ssetOff),
+              static_cast<unsigned long>(loc.relOff));
+  // The size is known only once the item is located, so that comes first.
+  std::shared_ptr<const DUMP_ITEM_MAP> map;
+  if (loc.relOff >= 0) map = DumpItemMapGet(loc.ssetIdx, loc.ssetOff);
+  if (!map) {
+    {
+      LISCacheGuard lock;
+      if (loc.relOff < 0 || !DumpItemMapGet(loc.ssetIdx, loc.ssetOff)) {
+        loc.relOff = -1;
+        VfsUpdateEntryFromSaveset(node, nullptr);
+      }
+    }
+    if (loc.relOff >= 0) map = DumpItemMapGet(loc.ssetIdx, loc.ssetOff);
+    if (!map) {
+      WRITE_TRACE(1, "---ReadFromDUMPSaveset: cannot locate stream location in saveset");
+      return 0;
+    }
+  }
   if (fileOffset >= node->ullSize) {
     WRITE_TRACE(1, "---ReadFromDUMPSaveset: seek above stream size [seek to %llu; stream size = %llu]",
                 static_cast<unsigned long long>(fileOffset), static_cast<unsigned long long>(node->ullSize));
     return 0;
   }
-  // TODO: UFS dump items are read through the dump block map, which comes
-  // with the dump stream reader.
-  WRITE_TRACE(1, "---ReadFromDUMPSaveset: cannot locate stream location in saveset");
-  return 0;
+  uint64_t count = size;
+  if (fileOffset + size > node->ullSize) {
+    count = node->ullSize - fileOffset;
+    WRITE_TRACE(1, "Near EOF requested bytes=%d remaining=%d", static_cast<int>(size), static_cast<int>(count));
+  }
+
+  const uint64_t base = loc.ssetOff + static_cast<uint64_t>(loc.relOff);
+  uint64_t done = 0;
+  uint64_t streamPos = ~0ull;  // where the saveset stands after the last read
+  saveset_operation_mutex_lock(loc.ssetIdx);
+  while (done < count) {
+    const uint64_t at = fileOffset + done;
+    const DUMP_RUN* run = map->Find(at / dump::kRecordSize);
+    if (run == nullptr) {
+      WRITE_TRACE(1, "ReadFromDUMPSaveset: block %llu of [%ls] is described by no header",
+                  static_cast<unsigned long long>(at / dump::kRecordSize), node->wsName.c_str());
+      break;
+    }
+    const uint64_t runEnd = (run->ullFirstBlock + run->ullBlocks) * dump::kRecordSize;
+    const uint64_t chunk = std::min(count - done, runEnd - at);
+    if (run->ullRecordOffset == kDumpHole) {
+      memset(buffer + done, 0, chunk);
+      done += chunk;
+      continue;
+    }
+    const uint64_t position = base + run->ullRecordOffset + (at - run->ullFirstBlock * dump::kRecordSize);
+    if (position != streamPos) {
+      const int rc = saveset_seek(loc.ssetIdx, static_cast<int64_t>(position));
+      if (rc != 0) {
+        WRITE_TRACE(1, "---ReadFromSaveset: saveset_seek error %d", rc);
+        saveset_operation_mutex_unlock(loc.ssetIdx);
+        return 0;
+      }
+    }
+    uint64_t got = 0;
+    uint8_t eof = 0;
+    const int rc = saveset_read(loc.ssetIdx, buffer + done, chunk, &got, &eof);
+    if (rc != 0) {
+      WRITE_TRACE(1, "---ReadFromDUMPSaveset: saveset_ failed with error = %d", rc);
+      saveset_operation_mutex_unlock(loc.ssetIdx);
+      return 0;
+    }
+    WRITE_TRACE(3, "ReadFromDUMPSaveset: read from saveset offset: %llu mapped offset: %llu actual file offset: %llu",
+                static_cast<unsigned long long>(position),
+                static_cast<unsigned long long>(position - loc.ssetOff), static_cast<unsigned long long>(at));
+    done += got;
+    streamPos = position + got;
+    if (got < chunk) {
+      WRITE_TRACE(1, "ReadFromDUMPSaveset: saveset ends at %llu", static_cast<unsigned long long>(streamPos));
+      break;
+    }
+  }
+  saveset_operation_mutex_unlock(loc.ssetIdx);
+  WRITE_TRACE(3,
+              "ReadFromDUMPSaveset seek to: %llu uliEntryRelativeOffset = %llu ullEntrySize = %llu ui64FileOffset = "
+              "%llu bytesToRead = %llu iBytesRead = %llu",
+              static_cast<unsigned long long>(base), static_cast<unsigned long long>(loc.relOff),
+              static_cast<unsigned long long>(node->ullSize), static_cast<unsigned long long>(fileOffset),
+              static_cast<unsigned long long>(count), static_cast<unsigned long long>(done));
+  WRITE_TRACE(2, "---ReadFromDUMPSaveset: return [%u]", static_cast<unsigned>(done));
+  return done;
 }
 
 uint64_t ReadFromVFS(const char* context, LIS_NODE* node, uint64_t fileOffset, char* buffer, uint64_t size) {
