@@ -85,6 +85,18 @@ TEST_F(ReadTest, NoneItemAtRelativeOffsetZeroReadsFromItsOffset) {
   EXPECT_EQ(0, item_->sLoc.relOff);
 }
 
+// An item whose record its stream does not hold reads nothing and is marked,
+// so that it is never taken for an empty file.
+TEST_F(ReadTest, ItemItsStreamDoesNotHoldIsMarkedNotLocated) {
+  item_->sLoc = {idx_, 0, 0};  // the filler before the record: no header there
+  item_->ullSize = 0;
+  EXPECT_EQ("", Read(item_, 0, 10));
+  EXPECT_TRUE(item_->bNotLocated);
+  item_->sLoc = {idx_, 40, 0};  // the record itself: located, the mark goes
+  EXPECT_EQ(data_.substr(0, 10), Read(item_, 0, 10));
+  EXPECT_FALSE(item_->bNotLocated);
+}
+
 TEST_F(ReadTest, NearEndReadIsTraced) {
   std::string file = dir_ / "trace.log";
   korvo::trace_configure(1, file.c_str());

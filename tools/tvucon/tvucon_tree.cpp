@@ -71,6 +71,8 @@ int CmdStat(const TvuconOptions& o, FILE* out) {
 
 // Copies a file's bytes to an open stream; the count must reach the size.
 int CopyFile(LIS_NODE* node, const tvu::NodeInfo& info, FILE* out, const std::string& what) {
+  // An item its stream does not hold is no empty file.
+  if (info.unreadable) return Fail(what, EIO);
   std::unique_ptr<char[]> buf(new char[kChunk]);
   uint64_t done = 0;
   while (done < info.size) {

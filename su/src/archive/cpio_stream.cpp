@@ -404,11 +404,13 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
     entry->llRelOffset = static_cast<int64_t>(rel);
     entry->ullSize = walk.ullStreamSize;
     entry->llStreamTime = walk.llStreamTime;
+    entry->bLocated = true;
   } else if (walk.bEmpty) {
     WRITE_TRACE(2, "Empty file located; relative offset = %llu stream size = %llu", rel, 0ull);
     entry->llRelOffset = 0;
     entry->ullSize = 0;
     entry->llStreamTime = walk.llStreamTime;
+    entry->bLocated = true;
   } else {
     WRITE_TRACE(2, "Cannot locate [%ls] in saveset", entry->wsName.c_str());
     tvu_note("Cannot locate [%s] in saveset [%s] from offset %llu", entry->sName.c_str(),

@@ -20,6 +20,7 @@ struct CPIO_ENTRY_UPDATE {
   int64_t llRelOffset;         // out: where the data starts, relative to the record
   uint64_t ullSize;            // out: size of the data
   int64_t llStreamTime = -1;   // out: the record's time stamp; -1 when not located
+  bool bLocated = false;       // out: the item's record was met (an empty file's too)
 };
 
 // 0 when the item was located (or is an empty file, or is not in the first

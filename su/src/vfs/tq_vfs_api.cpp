@@ -153,6 +153,7 @@ NodeInfo Describe(LIS_NODE* node, const std::string& path) {
     ReadFromVFS(g_saveset.c_str(), node, 0, &none, 0);
   }
   info.size = info.isDir ? 0 : node->ullSize;
+  info.unreadable = node->bNotLocated;
   info.ctime = ToTime(node->sCtime);
   info.mtime = ToTime(node->sMtime);
   info.fileId = node->fileId;
@@ -171,7 +172,8 @@ int Stat(const std::string& path, NodeInfo* info) {
   int rc = Lookup(path, &node);
   if (rc != 0) return rc;
   *info = Describe(node, path);
-  return 0;
+  // An item its stream does not hold has no size and no bytes to give.
+  return node->bNotLocated ? EIO : 0;
 }
 
 int List(const std::string& path, std::vector<NodeInfo>* entries) {
@@ -199,7 +201,7 @@ int64_t Read(LIS_NODE* node, uint64_t offset, char* buffer, uint64_t n) {
   if (IsDirectory(node)) return -EISDIR;
   if (n == 0) return 0;
   uint64_t got = ReadFromVFS(g_saveset.c_str(), node, offset, buffer, n);
-  if (got == static_cast<uint64_t>(-1) || got > n) return -EIO;
+  if (got == static_cast<uint64_t>(-1) || got > n || node->bNotLocated) return -EIO;
   return static_cast<int64_t>(got);
 }
 

@@ -37,6 +37,7 @@ struct NodeInfo {
   std::string path;       // tree path, UTF-8
   char type = 0;          // 'd', 'f', 'X' (directory made to hold a path), ...
   bool isDir = false;
+  bool unreadable = false; // its stream was walked and the item's record not met
   uint64_t size = 0;
   time_t ctime = 0;
   time_t mtime = 0;

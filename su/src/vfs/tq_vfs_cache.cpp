@@ -315,6 +315,7 @@ void LISCacheFillFromEntry(LIS_NODE* node, const LIS_ENTRY& entry) {
   node->llSource = nsSAVESET;
   node->cType = entry.cType;
   node->bFullBackup = entry.bFullBackup;
+  node->bNotLocated = false;
   node->sCtime = Pack(entry.tmCtime, entry.bCtimeEmulated);
   node->sMtime = Pack(entry.tmMtime, entry.bMtimeEmulated);
   node->llFourth = entry.llFourth;

@@ -61,6 +61,7 @@ struct LIS_NODE {
   char cType;                // 'X' root and path-only directories, else the catalog's letter
   bool bChildrenPopulated;   // children read from the catalog
   bool bFullBackup;          // newest copy is in a full backup
+  bool bNotLocated;          // its stream was walked and the item's record not met
   uint64_t ullSize;
   PACKED_TIME sCtime;
   PACKED_TIME sMtime;

@@ -451,8 +451,23 @@ void VfsEnumReset() {
 
 // ---- entry update from the saveset stream ------------------------------------
 
+namespace {
+
+int UpdateEntryByDataType(LIS_NODE* node, const char* path);
+
+}  // namespace
+
+// An item whose record the walk does not meet is marked, so that reading it
+// fails rather than giving an empty file.
 int VfsUpdateEntryFromSaveset(LIS_NODE* node, const char* narrowPath) {
-  const char* path = narrowPath ? narrowPath : "";
+  const int rc = UpdateEntryByDataType(node, narrowPath ? narrowPath : "");
+  node->bNotLocated = rc != 0 && HasStreamUpdate(CatalogGetSavesetType());
+  return rc;
+}
+
+namespace {
+
+int UpdateEntryByDataType(LIS_NODE* node, const char* path) {
   const int32_t dataType = CatalogGetSavesetType();
   switch (dataType) {
     case sdtCPIO: {
@@ -466,11 +481,10 @@ int VfsUpdateEntryFromSaveset(LIS_NODE* node, const char* narrowPath) {
       VfsTimerStart(vtCPIO);
       const int rc = UpdateFSEntryFromCPIOSaveset(&u);
       VfsTimerStop(vtCPIO);
-      if (rc == 0) {
-        node->sLoc.relOff = u.llRelOffset;
-        node->ullSize = u.ullSize;
-      }
-      return rc;
+      if (rc != 0 || !u.bLocated) return 1;
+      node->sLoc.relOff = u.llRelOffset;
+      node->ullSize = u.ullSize;
+      return 0;
     }
     case sdtMTF:
       // TODO: the Microsoft Tape Format reader is not part of this build.
@@ -495,3 +509,5 @@ int VfsUpdateEntryFromSaveset(LIS_NODE* node, const char* narrowPath) {
       return 1;
   }
 }
+
+}  // namespace
