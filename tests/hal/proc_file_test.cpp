@@ -45,8 +45,10 @@ TEST_F(HalTest, StartSystemAndTee) {
   EXPECT_EQ(tvutest::ReadFile(tee), "before\none\ntwo\n");
   // A child left in the background with the output open does not hold it up.
   start = std::chrono::steady_clock::now();
-  EXPECT_EQ(start_system_tee("sleep 30 & echo bg", tee.c_str(), 0, msg, sizeof msg), 0);
+  std::string bg = "sleep 30 & echo $! > " + (dir_ / "bg.pid") + "; echo bg";
+  EXPECT_EQ(start_system_tee(bg.c_str(), tee.c_str(), 0, msg, sizeof msg), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+  EXPECT_EQ(i_KILL_TVU(std::stoi(tvutest::ReadFile(dir_ / "bg.pid"))), 0);
   EXPECT_EQ(start_system_tee("sleep 30", tee.c_str(), 1, msg, sizeof msg), 124);
   EXPECT_EQ(start_system_tee("true", (dir_ / "no/such/dir/x").c_str(), 0, msg, sizeof msg), -1);
 }
