@@ -72,6 +72,32 @@ bool PathExists(const char* path);
 int MakeDirs(const char* path);
 // Creates an anonymous temporary file opened for update ("w+"), deleted at close.
 FILE* TempFile(int* error);
+// Opens a file for appending (created when missing); every write goes to its end.
+int FileOpenAppend(const char* path, File** out);
+// Creates a new, empty file in the folder of `target`, named after it with a
+// random suffix, readable and writable by the owner only; *tempPath receives
+// its name in module form.  For writing a file whole and renaming it into place.
+int FileCreateTempBeside(const char* target, File** out, std::string* tempPath);
+// Flushes the file's data to the storage device.
+int FileSync(File* f);
+// Cuts or extends the file to `size` bytes.
+int FileTruncate(File* f, uint64_t size);
+// Gives `to` the permission bits of `from`.
+int FileCopyPermissions(File* from, File* to);
+// Renames a file, replacing `to` when it exists (in one step where the OS can).
+int RenameFile(const char* from, const char* to);
+// Removes a file (not a directory).
+int RemoveFile(const char* path);
+// True when path names a directory.
+bool IsDirectory(const char* path);
+// True when path names a regular file the calling process may execute.
+bool IsExecutableFile(const char* path);
+// The process's working directory, without a trailing separator.
+int CurrentDir(std::string* dir);
+// Sets the label of the file system mounted at `volume`.  Where the OS or the
+// file system has no label that can be set this way, the result is non-zero
+// and *why says so; *why also names the failing call on other errors.
+int SetVolumeLabel(const char* volume, const char* label, std::string* why);
 
 // ---- directory search ------------------------------------------------------
 // Lists the names (not paths) of the entries of a directory that match a
@@ -105,6 +131,76 @@ void EventClose(Event* e);
 int EventSignalByName(const char* name);
 
 void SleepMs(uint32_t milliseconds);
+// Waits without limit (for the waits that take a time in milliseconds).
+constexpr uint32_t kWaitForever = 0xFFFFFFFFu;
+
+// ---- threads ---------------------------------------------------------------
+// A thread started by ThreadStart, polled for its end without waiting.
+struct Thread;
+// Starts fn(arg) on a new thread; its result becomes the thread's exit code.
+int ThreadStart(int (*fn)(void*), void* arg, Thread** out);
+// Without waiting: kWaitSignaled when the thread has finished (*exitCode then
+// holds its result), kWaitTimeout while it runs, kWaitFailed when its end
+// cannot be collected (*error then holds the OS error).
+int ThreadPoll(Thread* t, int* exitCode, int* error);
+// Releases a thread that ThreadPoll reported finished (or that failed).
+// REQUIRES: ThreadPoll returned something other than kWaitTimeout.
+void ThreadClose(Thread* t);
+// The OS's own number of the calling thread (the kernel's thread id here).
+int ThreadId();
+
+// ---- child processes -------------------------------------------------------
+// Where one standard stream of a started process goes.
+enum StdioMode : int {
+  kStdioInherit = 0,  // the caller's own stream
+  kStdioNull,         // the null device
+  kStdioRead,         // standard input only: the existing file `path`
+  kStdioTruncate,     // output streams: the file `path`, created or emptied
+  kStdioAppend,       // output streams: the file `path`, created or appended to
+  kStdioPipe,         // standard output only: a pipe read with ProcessReadOutput
+  kStdioToOut,        // standard error only: wherever standard output goes
+};
+struct StdioSetup {
+  StdioMode mode = kStdioInherit;
+  std::string path;
+};
+struct ProcessSetup {
+  // The program and its arguments; a program name without a separator is
+  // looked up on PATH.
+  std::vector<std::string> argv;
+  StdioSetup in, out, err;
+  // The process leads a process group of its own, so that ProcessEnd ends
+  // everything it started too (a job object on Windows).
+  bool newGroup = true;
+};
+struct Process;  // opaque; one started child process
+// Starts a process.  On failure returns the OS error and *why names the step
+// that failed ("open output file X", "start sh").  Signals the caller ignores
+// or blocks are restored to their defaults in the child.
+int ProcessStart(const ProcessSetup& setup, Process** out, std::string* why);
+int64_t ProcessPid(const Process* p);
+// Waits up to `milliseconds` (kWaitForever: without limit) for the process to
+// end: kWaitSignaled with *exitState set, kWaitTimeout, or kWaitFailed.  The
+// exit state is the exit code, or 128 plus the signal number when a signal
+// ended the process (as the shells report it).
+int ProcessWait(Process* p, uint32_t milliseconds, int* exitState);
+// Ends the process (with its group when it leads one): asks it to end, waits
+// up to graceMs, then ends what is left by force and collects the process.
+int ProcessEnd(Process* p, uint32_t graceMs, int* exitState);
+// Reads the kStdioPipe output: waits up to `milliseconds` for data.  Returns 0
+// with *got > 0 for data, 0 with *got == 0 at the end of the output,
+// kWaitTimeout when nothing came, or an OS error.
+int ProcessReadOutput(Process* p, void* buf, size_t n, uint32_t milliseconds, size_t* got);
+// Releases the handle.  A process still running goes on running and is not
+// collected here (pid_exist-style checks by id collect it later).
+void ProcessClose(Process* p);
+
+// Processes by id.  True when the process exists; a finished child of this
+// process is collected by the check and counts as gone, as does a process
+// that has ended but not yet been collected by its parent.
+bool ProcessExists(int64_t pid);
+// Asks the process (that process alone) to end; force: ends it at once.
+int ProcessSignalEnd(int64_t pid, bool force);
 
 // ---- network ---------------------------------------------------------------
 // Checks that a TCP server accepts connections at host:port: resolves the

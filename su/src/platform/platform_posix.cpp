@@ -10,9 +10,13 @@
 #include <fnmatch.h>
 #include <pthread.h>
 #include <semaphore.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <linux/fs.h>
+#endif
 
 #include <algorithm>
 #include <cstdlib>
@@ -197,6 +201,100 @@ FILE* TempFile(int* error) {
   FILE* fp = std::tmpfile();
   if (!fp && error) *error = errno;
   return fp;
+}
+
+int FileOpenAppend(const char* path, File** out) { return OpenWith(path, O_WRONLY | O_CREAT | O_APPEND, out); }
+
+int FileCreateTempBeside(const char* target, File** out, std::string* tempPath) {
+  *out = nullptr;
+  std::string os = OsPath(target) + ".tmpXXXXXX";
+  int fd = ::mkostemp(&os[0], O_CLOEXEC);
+  if (fd < 0) return errno;
+  *out = new File{fd};
+  *tempPath = os;
+  return 0;
+}
+
+int FileSync(File* f) {
+  if (!f) return EBADF;
+  return ::fsync(f->fd) == 0 ? 0 : errno;
+}
+
+int FileTruncate(File* f, uint64_t size) {
+  if (!f) return EBADF;
+  int rc;
+  do {
+    rc = ::ftruncate(f->fd, static_cast<off_t>(size));
+  } while (rc != 0 && errno == EINTR);
+  return rc == 0 ? 0 : errno;
+}
+
+int FileCopyPermissions(File* from, File* to) {
+  if (!from || !to) return EBADF;
+  struct stat st;
+  if (::fstat(from->fd, &st) != 0) return errno;
+  return ::fchmod(to->fd, st.st_mode & 07777) == 0 ? 0 : errno;
+}
+
+int RenameFile(const char* from, const char* to) {
+  return ::rename(OsPath(from).c_str(), OsPath(to).c_str()) == 0 ? 0 : errno;
+}
+
+int RemoveFile(const char* path) { return ::unlink(OsPath(path).c_str()) == 0 ? 0 : errno; }
+
+bool IsDirectory(const char* path) {
+  struct stat st;
+  return ::stat(OsPath(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool IsExecutableFile(const char* path) {
+  std::string os = OsPath(path);
+  struct stat st;
+  return ::stat(os.c_str(), &st) == 0 && S_ISREG(st.st_mode) && ::access(os.c_str(), X_OK) == 0;
+}
+
+int CurrentDir(std::string* dir) {
+  std::vector<char> buf(4096);
+  for (int tries = 0; tries < 8; ++tries) {
+    if (::getcwd(buf.data(), buf.size())) {
+      *dir = buf.data();
+      return 0;
+    }
+    if (errno != ERANGE) return errno;
+    buf.resize(buf.size() * 2);
+  }
+  return ERANGE;
+}
+
+int SetVolumeLabel(const char* volume, const char* label, std::string* why) {
+#if defined(__linux__) && defined(FS_IOC_SETFSLABEL)
+  // Linux sets labels per file system through its mount point; only some file
+  // systems (btrfs, ext4, xfs, ...) take them this way.
+  std::string os = OsPath(volume);
+  if (std::strlen(label) >= FSLABEL_MAX) {
+    *why = "label longer than " + std::to_string(FSLABEL_MAX - 1) + " characters";
+    return ENAMETOOLONG;
+  }
+  int fd = ::open(os.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) {
+    int e = errno;
+    *why = "open " + os + ": " + ErrorText(e);
+    return e;
+  }
+  char buf[FSLABEL_MAX] = {};
+  std::strncpy(buf, label, sizeof buf - 1);
+  int rc = ::ioctl(fd, FS_IOC_SETFSLABEL, buf);
+  int e = rc == 0 ? 0 : errno;
+  ::close(fd);
+  if (e == ENOTTY || e == EOPNOTSUPP || e == EINVAL)
+    *why = "the file system at " + os + " has no label that can be set while mounted";
+  else if (e != 0)
+    *why = "set the label of " + os + ": " + ErrorText(e);
+  return e;
+#else
+  *why = "this system has no call that sets a volume label";
+  return ENOTSUP;
+#endif
 }
 
 int ListDirectory(const char* pattern, std::vector<std::string>* names) {

@@ -174,6 +174,36 @@ void trace(const char* format, ...) {
   va_end(args);
 }
 
+void write_trace_file_v(const char* path, const char* format, va_list args) {
+  if (!path || !*path || !format) return;
+  char prefix[64];
+  int n = FormatPrefix(prefix, sizeof prefix);
+  va_list copy;
+  va_copy(copy, args);
+  int textLength = std::vsnprintf(nullptr, 0, format, copy);
+  va_end(copy);
+  if (textLength < 0) return;
+  std::string line(prefix, static_cast<size_t>(n));
+  line.resize(line.size() + static_cast<size_t>(textLength) + 1);
+  std::vsnprintf(&line[static_cast<size_t>(n)], static_cast<size_t>(textLength) + 1, format, args);
+  line.resize(line.size() - 1);  // the NUL vsnprintf wrote
+  if (textLength == 0 || line.back() != '\n') line += '\n';
+  // Opened for append and unbuffered: the line goes out in one write at the
+  // file's end, as the lines of the trace file do.
+  FILE* fp = pf::FOpen(path, "a");
+  if (!fp) return;
+  std::setvbuf(fp, nullptr, _IONBF, 0);
+  std::fwrite(line.data(), 1, line.size(), fp);
+  std::fclose(fp);
+}
+
+void write_trace_file(const char* path, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  write_trace_file_v(path, format, args);
+  va_end(args);
+}
+
 void trace_reconfigure() {
   std::lock_guard<std::mutex> lock(g_mutex);
   ConfigureFromEnvLocked();

@@ -32,6 +32,13 @@ void write_trace_v(int level, const char* format, va_list args);
 // at trace level 3.  The marker is not part of the line written.
 void trace(const char* format, ...);
 
+// Appends one line in the form above to the file `path` (created when
+// missing), whatever the configured level and file: for callers that keep a
+// trace or log file of their own.  Nothing happens when path is null or empty
+// or the file cannot be opened.
+void write_trace_file(const char* path, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void write_trace_file_v(const char* path, const char* format, va_list args);
+
 // Re-reads TQ_TRACE_LEVEL and TQ_TRACE_FILE (for tests and tools).
 void trace_reconfigure();
 // Sets level and file directly (file may be null: no trace file).
