@@ -77,6 +77,17 @@ class OperationTest : public ::testing::Test {
     return lengths;
   }
 
+  // The first read must fail; returns the error record's message.
+  std::string FailedReadMessage() {
+    std::vector<char> buf(1024);
+    uint32_t len = 1024;
+    EXPECT_EQ(DB_NUM_E_FAILED, DB_ReadBlock(buf.data(), &len, nullptr, nullptr));
+    EXPECT_EQ(0u, len);
+    DB_ERROR e;
+    DB_GetError(&e);
+    return e.szMessage;
+  }
+
   TempDir dir_;
   std::string full_, incr_;
 };
@@ -150,13 +161,8 @@ TEST_F(OperationTest, OverlongCatalogLineFailsTheStream) {
   const std::string tail = Line("t", 'f', 20, 10, kFull);
   WriteFile(meta("CON.lsl"), Line("a", 'f', 0, 8, kFull) + "\"" + std::string(40000, 'x') + "\" " + tail);
   ASSERT_EQ(DB_NUM_I_OK, Init());
-  std::vector<char> buf(1024);
-  uint32_t len = 1024;
-  EXPECT_EQ(DB_NUM_E_FAILED, DB_ReadBlock(buf.data(), &len, nullptr, nullptr));
-  DB_ERROR e;
-  DB_GetError(&e);
   EXPECT_EQ("Catalog [" + meta("CON.lsl") + "] line 2 is longer than 34498 bytes: the consolidated catalog cannot be read",
-            std::string(e.szMessage));
+            FailedReadMessage());
 
   // A line that fills the buffer exactly up to its line end is whole.
   DB_CloseOperation();
@@ -193,27 +199,16 @@ TEST_F(OperationTest, EmptyCatalogEndsAtOnce) {
 TEST_F(OperationTest, SavesetShorterThanItsCatalogFailsInsteadOfDeliveringAShortStream) {
   WriteFile(meta("CON.lsl"), Line("d", 'd', 0, 8, kFull) + Line("f", 'f', 30, 15, kFull));
   ASSERT_EQ(DB_NUM_I_OK, Init());
-  std::vector<char> buf(1024);
-  uint32_t len = 1024;
-  EXPECT_EQ(DB_NUM_E_FAILED, DB_ReadBlock(buf.data(), &len, nullptr, nullptr));
-  DB_ERROR e;
-  DB_GetError(&e);
-  EXPECT_NE(std::string::npos, std::string(e.szMessage).find("SF20261101020000.cpio] ends before its catalog says"))
-      << e.szMessage;
+  const std::string message = FailedReadMessage();
+  EXPECT_NE(std::string::npos, message.find("SF20261101020000.cpio] ends before its catalog says")) << message;
 }
 
 TEST_F(OperationTest, LineBeforeItsRunsStartFailsTheStream) {
   WriteFile(meta("CON.lsl"), Line("b", 'f', 20, 8, kFull) + Line("a", 'f', 0, 8, kFull));
   ASSERT_EQ(DB_NUM_I_OK, Init());
-  std::vector<char> buf(1024);
-  uint32_t len = 1024;
-  EXPECT_EQ(DB_NUM_E_FAILED, DB_ReadBlock(buf.data(), &len, nullptr, nullptr));
-  EXPECT_EQ(0u, len);
-  DB_ERROR e;
-  DB_GetError(&e);
-  EXPECT_NE(std::string::npos, std::string(e.szMessage).find("Catalog line [a] of saveset 0 ends at 8, before its run "
-                                                             "starts at 20"))
-      << e.szMessage;
+  const std::string message = FailedReadMessage();
+  EXPECT_NE(std::string::npos, message.find("Catalog line [a] of saveset 0 ends at 8, before its run starts at 20"))
+      << message;
 }
 
 TEST_F(OperationTest, ControlVariables) {

@@ -235,6 +235,7 @@ uint32_t OperationReadBlock(char* buffer, uint32_t* length) {
     if (rc != 0) {
       saveset_operation_mutex_unlock(idx);
       tvu_log_error("Error on saveset seek, ret %d", rc);
+      *length = 0;
       return DB_NUM_E_FAILED;
     }
     uint64_t got = 0;
@@ -243,6 +244,7 @@ uint32_t OperationReadBlock(char* buffer, uint32_t* length) {
     saveset_operation_mutex_unlock(idx);
     if (rc != 0) {
       tvu_log_error("Error on saveset read, ret %d", rc);
+      *length = 0;
       return DB_NUM_E_FAILED;
     }
     // Every read of the loop fills the buffer from its start with n bytes, so
@@ -252,6 +254,7 @@ uint32_t OperationReadBlock(char* buffer, uint32_t* length) {
       tvu_log_error("Saveset [%s] ends before its catalog says: %llu of %llu bytes read at offset %llu",
                     g_psSavesets[idx].szName, static_cast<unsigned long long>(got),
                     static_cast<unsigned long long>(n), static_cast<unsigned long long>(s_op.ullRunPos));
+      *length = 0;  // nothing of this call may be taken as stream
       return DB_NUM_E_FAILED;
     }
     s_op.ullRunPos += got;
