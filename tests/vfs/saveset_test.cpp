@@ -1,6 +1,7 @@
 // Tests of the saveset table: file and zero-source streams, end-of-file
 // rules, the bounds checks that end the process, and lookup by name.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +36,7 @@ int32_t AppendZero(int64_t size) {
 class SavesetTest : public ::testing::Test {
  protected:
   void TearDown() override {
+    saveset_set_readahead(0);
     for (int32_t i = 0; i < g_iSavesetCount; ++i) saveset_close(i);
     saveset_table_free();
   }
@@ -88,6 +90,50 @@ TEST_F(SavesetTest, FileStreamReadsSeeksAndReportsEndOfFile) {
 
   EXPECT_EQ(0, saveset_close(idx));
   EXPECT_EQ(0, saveset_close(idx));  // closing twice is a traced no-op
+}
+
+// With read-ahead, every read gives exactly what a direct positional read
+// gives: runs alternating between savesets at rising offsets, reads across
+// the buffer's end, backward seeks, the saveset's end, a saveset cut short
+// after it was buffered (what was read stands; beyond the cut, nothing).
+TEST_F(SavesetTest, ReadAheadGivesTheSameBytesAsDirectReads) {
+  std::string a, b;
+  for (int i = 0; i < 5000; ++i) a += static_cast<char>('a' + i % 26), b += static_cast<char>('A' + i % 23);
+  tvutest::WriteFile(dir_ / "a.cpio", a);
+  tvutest::WriteFile(dir_ / "b.cpio", b);
+  const int32_t ia = AppendFile(dir_ / "a.cpio"), ib = AppendFile(dir_ / "b.cpio");
+  for (int32_t i : {ia, ib}) {
+    ASSERT_EQ(0, saveset_init(i));
+    ASSERT_EQ(0, saveset_open(i));
+  }
+  saveset_set_readahead(1000);
+  auto read = [](int32_t idx, int64_t at, uint64_t n, uint8_t* eof) {
+    EXPECT_EQ(0, saveset_seek(idx, at));
+    std::string buf(n, '?');
+    uint64_t got = 0;
+    *eof = 0;
+    EXPECT_EQ(0, saveset_read(idx, &buf[0], n, &got, eof));
+    buf.resize(got);
+    return buf;
+  };
+  uint8_t eof = 0;
+  uint64_t pos = 0;
+  for (uint64_t n : {7u, 300u, 999u, 1u, 998u, 450u, 0u, 20u}) {  // rising, alternating, across the buffer's end
+    EXPECT_EQ(a.substr(pos, n), read(ia, static_cast<int64_t>(pos), n, &eof)) << pos;
+    EXPECT_EQ(b.substr(pos + 3, n), read(ib, static_cast<int64_t>(pos + 3), n, &eof)) << pos;
+    pos += n + 11;
+  }
+  EXPECT_EQ(a.substr(10, 500), read(ia, 10, 500, &eof));     // backward
+  EXPECT_EQ(a.substr(4990), read(ia, 4990, 500, &eof));      // the end: short
+  EXPECT_EQ("", read(ia, 5000, 10, &eof));
+  EXPECT_TRUE(eof & SAVESET_FLAG_EOF);
+  EXPECT_EQ(a.substr(100, 2000), read(ia, 100, 2000, &eof)); // longer than the buffer: direct
+
+  EXPECT_EQ(b.substr(4000, 100), read(ib, 4000, 100, &eof));  // buffers [4000, 5000)
+  ASSERT_EQ(0, truncate((dir_ / "b.cpio").c_str(), 4500));
+  EXPECT_EQ(b.substr(4100, 800), read(ib, 4100, 800, &eof));  // buffered before the cut
+  EXPECT_EQ("", read(ib, 4000 + 1000, 10, &eof));             // past the buffer and the cut
+  EXPECT_EQ(b.substr(10, 20), read(ib, 10, 20, &eof));
 }
 
 TEST_F(SavesetTest, ZeroSourceSeeksRelativelyAndNeverEnds) {

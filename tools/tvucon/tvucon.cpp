@@ -143,8 +143,14 @@ int RunConsolidate(const Module& m, const TvuconOptions& o, FILE* data) {
     m.CloseOperation();
     return 1;
   }
-  // The blocks are large: write them straight through.
-  setvbuf(out, nullptr, _IONBF, 0);
+  // Blocks are as long as their run: a catalog of small items gives many
+  // small blocks.  A buffer of the block size coalesces them into writes of
+  // that size; a block that fills it is written straight through.
+  // (The buffer outlives the stream, which main closes when out is the
+  // data descriptor.)
+  static std::unique_ptr<char[]> outBuffer;
+  outBuffer.reset(new char[o.blockSize]);
+  setvbuf(out, outBuffer.get(), _IOFBF, o.blockSize);
 
   m.GetItem(o.saveset.c_str(), o.saveset.c_str(), o.saveset.c_str());
   m.OpenItem();
@@ -197,6 +203,10 @@ int RunConsolidate(const Module& m, const TvuconOptions& o, FILE* data) {
       }
       total += trailer.size();
     }
+  }
+  if (fflush(out) != 0 && status == 0) {
+    fprintf(stderr, "tvucon: writing %s failed: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());
+    status = 1;
   }
   if (out != data && fclose(out) != 0 && status == 0) {
     fprintf(stderr, "tvucon: closing %s failed: %s\n", o.output.c_str(), pf::ErrorText(pf::LastError()).c_str());

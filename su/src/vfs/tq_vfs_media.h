@@ -28,6 +28,9 @@ extern const SAVESET_MEDIA_OPS g_sFileMediaOps;  // smFILE
 extern const SAVESET_MEDIA_OPS g_sVk4MediaOps;   // smVK4
 extern const SAVESET_MEDIA_OPS g_sVk4ngMediaOps; // smVK4NG
 
+// Frees a file saveset's read-ahead buffer (close, and the table's free).
+void MediaFileDropReadAhead(SAVESET* ps);
+
 // Shared by the media whose stream position is the entry's position field.
 int MediaPositionSize(int32_t iSavesetIdx, SAVESET* ps, uint64_t* pSize);
 int MediaPositionTell(int32_t iSavesetIdx, SAVESET* ps, uint64_t* pPosition);

@@ -23,6 +23,10 @@ static uint64_t s_ullTableGeneration = 1;
 
 uint64_t saveset_table_generation() { return s_ullTableGeneration; }
 
+static uint32_t s_uiReadAhead = 0;
+void saveset_set_readahead(uint32_t bytes) { s_uiReadAhead = bytes; }
+uint32_t saveset_get_readahead() { return s_uiReadAhead; }
+
 const SAVESET_MEDIA_OPS* saveset_media_ops(uint32_t uiMediaType) {
   switch (uiMediaType) {
     case smZERO:
@@ -70,6 +74,7 @@ void saveset_table_free() {
     SAVESET& s = g_psSavesets[i];
     free(s.szName);
     free(s.szDedupHost);
+    MediaFileDropReadAhead(&s);
     pf::FileClose(s.hFile);
     pf::MutexClose(s.hOpMutex);
   }

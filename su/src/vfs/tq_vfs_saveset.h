@@ -35,6 +35,7 @@ struct SAVESET {
   uint32_t uiOpen;        // 1 while open
   int64_t llPosition;     // stream position for media 1, 3, 4
   int64_t llSize;         // saveset size for media 1, 3, 4
+  struct SAVESET_READAHEAD* pReadAhead;  // file media: read-ahead buffer (owned), null when none
 };
 
 constexpr uint8_t SAVESET_FLAG_EOF = 0x01;
@@ -48,6 +49,14 @@ extern int32_t g_iSavesetCount;
 int32_t saveset_append(const SAVESET& entry);
 // Closes nothing; frees every entry's strings and the table itself.
 void saveset_table_free();
+// Read-ahead of file savesets, in bytes (0: none, the start).  With it, a
+// read shorter than the buffer is served from one buffer per saveset, filled
+// by one positional read at the position asked for; longer reads go straight
+// to the file.  Meant for reads at rising offsets (the consolidation's runs),
+// not for the tree's random reads.  Dedup savesets are not affected.
+void saveset_set_readahead(uint32_t bytes);
+uint32_t saveset_get_readahead();
+
 // Changes whenever an entry is added or the table is freed: what was looked
 // up in the table is valid while the generation stays the same.
 uint64_t saveset_table_generation();
