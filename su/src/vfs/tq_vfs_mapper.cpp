@@ -12,6 +12,9 @@
 //   SAVESET f "SF20261101020000"               -> whole saveset (kind 4)
 //   LIS f <catalog line> "name"                -> catalog item (kind 0)
 //   LIS R "disk1/disk1.vmdk"                   -> link to /R/VMDK/disk1/disk1.vmdk
+//   SAVESET2VHD f "SF..." "disk.vhd"           -> dynamic VHD of a whole saveset
+//
+// Disk-image inputs go to /R/MAPPER/INTERMEDIATE.
 //
 // For LIS 'f' the source is a whole catalog line: everything after the type
 // field goes to the catalog parser, which reads the path between the first
@@ -40,6 +43,7 @@
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_vhd.h"
 
 namespace {
 
@@ -255,15 +259,23 @@ void MapLocalFile(const Rule& r, LIS_NODE* target) {
   WRITE_TRACE(1, "MAPPER mapped LOCALFS: %s -> %ls", r.source.c_str(), node->wsName.c_str());
 }
 
-// SAVESET: a whole saveset as one file, read from its start as it stands.
-void MapSaveset(const Rule& r, LIS_NODE* target) {
-  const int32_t idx = saveset_find_by_name(r.source.c_str());
-  if (idx < 0) {
+// The saveset a rule names, and its size; false (traced, the rule then makes
+// no node) when no saveset has that name.
+bool FindSaveset(const Rule& r, int32_t* idx, uint64_t* size) {
+  *idx = saveset_find_by_name(r.source.c_str());
+  if (*idx < 0) {
     WRITE_TRACE(1, "Mapper line %d - cannot find matching saveset for [%s]", r.lineNo, r.source.c_str());
-    return;
+    return false;
   }
+  if (saveset_size(*idx, size) != 0) *size = 0;  // traced by the saveset layer
+  return true;
+}
+
+// SAVESET: a whole saveset as one file, read from its start as it stands.
+LIS_NODE* MapSaveset(const Rule& r, LIS_NODE* target) {
+  int32_t idx = -1;
   uint64_t size = 0;
-  if (saveset_size(idx, &size) != 0) size = 0;  // traced by the saveset layer
+  if (!FindSaveset(r, &idx, &size)) return nullptr;
 
   LIS_NODE* node = NewFileNode(NodeName(r, Wide(korvo::basename(r.source.c_str()))), nsSAVESET_MAPPED);
   node->sLoc.ssetIdx = idx;
@@ -273,12 +285,13 @@ void MapSaveset(const Rule& r, LIS_NODE* target) {
   StampNow(node);
   AddToTree(target, node);
   WRITE_TRACE(1, "MAPPER mapped SAVESET: %s -> %ls", r.source.c_str(), node->wsName.c_str());
+  return node;
 }
 
 // LIS 'f': one catalog item, located in its stream now when the line does
 // not say where its data starts (later reads could not: the node's path in
 // the tree is no longer the item's path in its stream).
-void MapCatalogItem(const Rule& r, LIS_NODE* target) {
+LIS_NODE* MapCatalogItem(const Rule& r, LIS_NODE* target) {
   LIS_ENTRY rec{};
   if (ParseSavesetEntry(&rec, r.work.c_str(), "f") != 0) {
     RuleFatal(Format("Could not extract [%s] from rules file line no: %d", r.work.c_str(), r.lineNo),
@@ -305,6 +318,7 @@ void MapCatalogItem(const Rule& r, LIS_NODE* target) {
   StampNow(node);
   AddToTree(target, node);
   WRITE_TRACE(1, "MAPPER mapped LIS: %ls -> %ls", rec.wsPath.c_str(), node->wsName.c_str());
+  return node;
 }
 
 // LIS 'R': a link to a rebuilt VMDK file, read through that node.
@@ -333,22 +347,51 @@ void MapVmdkFile(const Rule& r, LIS_NODE* target) {
   WRITE_TRACE(1, "MAPPER mapping LIS: %ls -> %ls", wpath.c_str(), node->wsName.c_str());
 }
 
+[[noreturn]] void TypeNotSupported(const Rule& r) {
+  const std::string text = Format("MAPPER type %s currently not supported line no %d", r.typeField.c_str(), r.lineNo);
+  RuleFatal(text, "ERROR: " + text + "\n", text);
+}
+
 void MapLis(const Rule& r, LIS_NODE* target) {
   if (r.typeField == "f") {
     MapCatalogItem(r, target);
   } else if (r.typeField == "R") {
     MapVmdkFile(r, target);
   } else {
-    const std::string text = Format("MAPPER type %s currently not supported line no %d", r.typeField.c_str(), r.lineNo);
-    RuleFatal(text, "ERROR: " + text + "\n", text);
+    TypeNotSupported(r);
   }
 }
 
-// TODO: the bitmap merge (BITMERGE_FULL, BITMERGE_INC, BITMERGE_BITMAP), VHD
-// creation from a saveset (SAVESET2VHD) and the VHDX merge (VHDXMERGE) need
-// the RCT bitmap, VHD and VHDX disk-format code, which this build does not
-// have; a rules file that asks for them ends the process rather than giving
-// a tree without the disks it asked for.
+// ---- disk images -------------------------------------------------------------
+
+// Where the inputs of disk-image rules go: the intermediate directory, or
+// the target when the rules were read into a tree built before.
+LIS_NODE* Intermediate(LIS_NODE* target) { return s_intermediateNode ? s_intermediateNode : target; }
+
+[[noreturn]] void VhdFatal(const std::wstring& name) {
+  const std::string text = korvo::wcstombs_utf8(name.c_str());
+  RuleFatal(Format("Could not create VHD file for %s", text.c_str()),
+            Format("ERROR: Could not create VHD file for %s\n", text.c_str()),
+            Format("Could not create VHD file for %s\n", text.c_str()));
+}
+
+// SAVESET2VHD: the whole saveset (a node in the intermediate directory) as a
+// dynamic VHD in the target, named by the rule or "<saveset>.vhd".
+void MapSavesetToVhd(const Rule& r, LIS_NODE* target) {
+  Rule source = r;
+  source.hasName = false;
+  source.name.clear();
+  const std::wstring base = Wide(korvo::basename(r.source.c_str()));
+  const std::wstring vhdName = NodeName(r, base + L".vhd");
+  LIS_NODE* node = MapSaveset(source, Intermediate(target));
+  if (node == nullptr) return;
+  if (localfs_VHD_create(node, target, vhdName) < 0) VhdFatal(vhdName);
+  WRITE_TRACE(1, "MAPPER mapped SAVESET2VHD: %s -> %ls", r.source.c_str(), vhdName.c_str());
+}
+
+// TODO: the bitmap merge (BITMERGE_*) and the VHDX merge (VHDXMERGE) are
+// not in this build; a rules file that asks for them ends the process rather
+// than giving a tree without the disks it asked for.
 [[noreturn]] void TokenNotSupported(const std::string& token, int lineNo) {
   const std::string text = Format("MAPPER token %s is not supported in this build line no %d", token.c_str(), lineNo);
   RuleFatal(text, "ERROR: " + text + "\n", text);
@@ -368,8 +411,10 @@ void ProcessLine(const std::string& line, int lineNo, LIS_NODE** target) {
     MapLocalFile(SplitRule(afterToken, lineNo), *target);
   } else if (token == "SAVESET") {
     MapSaveset(SplitRule(afterToken, lineNo), *target);
-  } else if (token == "BITMERGE_FULL" || token == "BITMERGE_INC" || token == "SAVESET2VHD" || token == "VHDXMERGE") {
+  } else if (token == "BITMERGE_FULL" || token == "BITMERGE_INC" || token == "VHDXMERGE") {
     TokenNotSupported(token, lineNo);
+  } else if (token == "SAVESET2VHD") {
+    MapSavesetToVhd(SplitRule(afterToken, lineNo), *target);
   } else if (token == "LIS") {
     MapLis(SplitRule(afterToken, lineNo), *target);
   } else if (token == "BITMERGE_BITMAP") {
