@@ -13,8 +13,13 @@
 //   LIS f <catalog line> "name"                -> catalog item (kind 0)
 //   LIS R "disk1/disk1.vmdk"                   -> link to /R/VMDK/disk1/disk1.vmdk
 //   SAVESET2VHD f "SF..." "disk.vhd"           -> dynamic VHD of a whole saveset
+//   BITMERGE_FULL f "SF..." "disk.raw"         -> head of a bitmap merge
+//   BITMERGE_INC f "SI..."                     -> the next increment's blocks
+//   BITMERGE_BITMAP f <catalog line>           -> its bitmap: laid over the head
 //
-// Disk-image inputs go to /R/MAPPER/INTERMEDIATE.
+// Disk-image inputs go to /R/MAPPER/INTERMEDIATE; a bitmap merge's head is
+// converted to "<head>.vhd" in the target when the next head starts or the
+// rules end (see tq_vfs_bitmap.h).
 //
 // For LIS 'f' the source is a whole catalog line: everything after the type
 // field goes to the catalog parser, which reads the path between the first
@@ -38,6 +43,7 @@
 #include "runtime/text.h"
 #include "runtime/timefmt.h"
 #include "runtime/trace.h"
+#include "vfs/tq_vfs_bitmap.h"
 #include "vfs/tq_vfs_cache.h"
 #include "vfs/tq_vfs_catalog.h"
 #include "vfs/tq_vfs_common.h"
@@ -375,6 +381,42 @@ LIS_NODE* Intermediate(LIS_NODE* target) { return s_intermediateNode ? s_interme
             Format("Could not create VHD file for %s\n", text.c_str()));
 }
 
+// Ends the open bitmap merge: its head becomes a VHD in the target.
+void FinishBitmapMerge(LIS_NODE* target) {
+  LIS_NODE* head = bitmap_head();
+  if (head != nullptr && bitmap_finalize(target) != 0) VhdFatal(head->wsName + L".vhd");
+}
+
+// BITMERGE_FULL: the whole saveset becomes the head of a new bitmap merge,
+// the node itself (named as a SAVESET rule's node) being the merged disk.
+void MapBitmapHead(const Rule& r, LIS_NODE* target) {
+  int32_t idx = -1;
+  uint64_t size = 0;
+  if (!FindSaveset(r, &idx, &size)) return;
+  const std::wstring name = NodeName(r, Wide(korvo::basename(r.source.c_str())));
+  FinishBitmapMerge(target);
+  bitmap_set_head(target, Intermediate(target), name, idx, size);
+  WRITE_TRACE(1, "MAPPER mapped SAVESET: %s -> %ls", r.source.c_str(), name.c_str());
+}
+
+// BITMERGE_INC: the saveset holding the next increment's blocks.  When it is
+// not found, the increment has no data and its bitmap rule fails.
+void MapBitmapIncrement(const Rule& r, LIS_NODE* target) {
+  bitmap_set_increment(MapSaveset(r, Intermediate(target)));
+}
+
+// BITMERGE_BITMAP 'f': the increment's bitmap file, laid over the head with
+// the data named just before.
+void MapBitmap(const Rule& r, LIS_NODE* target) {
+  if (r.typeField != "f") TypeNotSupported(r);
+  LIS_NODE* bitmap = MapCatalogItem(r, Intermediate(target));
+  if (bitmap_append_bitmap(r.source.c_str(), bitmap) != 0) {
+    const std::string text =
+        Format("MAPPER bitmap without a BITMERGE_FULL head or BITMERGE_INC data before it line no %d", r.lineNo);
+    RuleFatal(text, "ERROR: " + text + "\n", text);
+  }
+}
+
 // SAVESET2VHD: the whole saveset (a node in the intermediate directory) as a
 // dynamic VHD in the target, named by the rule or "<saveset>.vhd".
 void MapSavesetToVhd(const Rule& r, LIS_NODE* target) {
@@ -389,9 +431,9 @@ void MapSavesetToVhd(const Rule& r, LIS_NODE* target) {
   WRITE_TRACE(1, "MAPPER mapped SAVESET2VHD: %s -> %ls", r.source.c_str(), vhdName.c_str());
 }
 
-// TODO: the bitmap merge (BITMERGE_*) and the VHDX merge (VHDXMERGE) are
-// not in this build; a rules file that asks for them ends the process rather
-// than giving a tree without the disks it asked for.
+// TODO: the VHDX merge (VHDXMERGE) needs the VHDX parser, which this build
+// does not have; a rules file that asks for it ends the process rather than
+// giving a tree without the disk it asked for.
 [[noreturn]] void TokenNotSupported(const std::string& token, int lineNo) {
   const std::string text = Format("MAPPER token %s is not supported in this build line no %d", token.c_str(), lineNo);
   RuleFatal(text, "ERROR: " + text + "\n", text);
@@ -411,14 +453,18 @@ void ProcessLine(const std::string& line, int lineNo, LIS_NODE** target) {
     MapLocalFile(SplitRule(afterToken, lineNo), *target);
   } else if (token == "SAVESET") {
     MapSaveset(SplitRule(afterToken, lineNo), *target);
-  } else if (token == "BITMERGE_FULL" || token == "BITMERGE_INC" || token == "VHDXMERGE") {
-    TokenNotSupported(token, lineNo);
+  } else if (token == "BITMERGE_FULL") {
+    MapBitmapHead(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "BITMERGE_INC") {
+    MapBitmapIncrement(SplitRule(afterToken, lineNo), *target);
   } else if (token == "SAVESET2VHD") {
     MapSavesetToVhd(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "VHDXMERGE") {
+    TokenNotSupported(token, lineNo);
   } else if (token == "LIS") {
     MapLis(SplitRule(afterToken, lineNo), *target);
   } else if (token == "BITMERGE_BITMAP") {
-    TokenNotSupported(token, lineNo);
+    MapBitmap(SplitRule(afterToken, lineNo), *target);
   }
 }
 
@@ -443,6 +489,7 @@ const char* VfsGetMapperRulesFile() { return s_rulesFile.c_str(); }
 int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   WRITE_TRACE(1, "+++ initializeMAPPER_FS");
   s_mapperNode = s_intermediateNode = s_lastMapTo = nullptr;
+  bitmap_reset();
   const std::string path = s_rulesFile;
   if (path.empty()) {
     WRITE_TRACE(1, "no mapper file given");
@@ -482,7 +529,7 @@ int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   std::fclose(fp);
 
   WRITE_TRACE(1, "+++bitmap_finalize");
-  // No bitmap merge can have been started: its tokens are refused above.
+  FinishBitmapMerge(target);
   WRITE_TRACE(1, "---bitmap_finalize");
   // Nor VHDX merges collected, which would be completed into the target here
   // unless the tree was initialised before.
