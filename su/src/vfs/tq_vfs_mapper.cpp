@@ -396,6 +396,7 @@ void MapBitmapHead(const Rule& r, LIS_NODE* target) {
   const std::wstring name = NodeName(r, Wide(korvo::basename(r.source.c_str())));
   FinishBitmapMerge(target);
   bitmap_set_head(target, Intermediate(target), name, idx, size);
+  StampNow(bitmap_head());  // the merged disk is made now
   WRITE_TRACE(1, "MAPPER mapped SAVESET: %s -> %ls", r.source.c_str(), name.c_str());
 }
 
