@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The demo: builds a chain of one full and four incremental backups, turns it
 # into one new full backup with tvucon, extracts that with GNU cpio and
-# compares the result with the chain's final state.  Then a chain of UFS dump
+# compares the result with the chain's final state.  Then a disk saved as a raw
+# image and block-bitmap increments, shown as dynamic VHDs, and a chain of UFS dump
 # savesets, read as one tree and compared with what restore extracts.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
