@@ -30,6 +30,7 @@
 #include "chain_outputs.h"
 #include "dump_chain.h"
 #include "saveset_writer.h"
+#include "bitmap_chain.h"
 #include "vm_disk.h"
 
 namespace mkchain {
@@ -61,7 +62,11 @@ const char kUsage[] =
     "       mkchain dump --out DIR [--restore PROGRAM] DUMP...\n"
     "  a chain of UFS dump savesets (oldest first) with catalogs from the dumps and restore -t.\n"
     "       mkchain swapdump IN OUT\n"
-    "  copies a dump with its header records in the other byte order.\n";
+    "  copies a dump with its header records in the other byte order.\n"
+    "       mkchain bitmap --out DIR --size BYTES [--increments N (3)] [--blocks N] [--sparse]\n"
+    "               [--seed N]\n"
+    "  a disk saved as a raw full image and block-bitmap increments, its own chain, with\n"
+    "  rules that show it as a VHD.\n";
 
 bool ParseNumber(const std::string& text, uint64_t* value) {
   if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return false;
@@ -277,6 +282,7 @@ static int Relist(int argc, char** argv) {
 int main(int argc, char** argv) {
   if (argc > 1 && std::string(argv[1]) == "relist") return Relist(argc, argv);
   if (argc > 1 && std::string(argv[1]) == "dump") return mkchain::DumpChainMain(argc, argv);
+  if (argc > 1 && std::string(argv[1]) == "bitmap") return mkchain::BitmapChainMain(argc, argv);
   if (argc > 1 && std::string(argv[1]) == "swapdump") return mkchain::SwapDumpMain(argc, argv);
   mkchain::Options options;
   std::string error = mkchain::ParseOptions(argc, argv, &options);

@@ -12,6 +12,14 @@
 //   SAVESET f "SF20261101020000"               -> whole saveset (kind 4)
 //   LIS f <catalog line> "name"                -> catalog item (kind 0)
 //   LIS R "disk1/disk1.vmdk"                   -> link to /R/VMDK/disk1/disk1.vmdk
+//   SAVESET2VHD f "SF..." "disk.vhd"           -> dynamic VHD of a whole saveset
+//   BITMERGE_FULL f "SF..." "disk.raw"         -> head of a bitmap merge
+//   BITMERGE_INC f "SI..."                     -> the next increment's blocks
+//   BITMERGE_BITMAP f <catalog line>           -> its bitmap: laid over the head
+//
+// Disk-image inputs go to /R/MAPPER/INTERMEDIATE; a bitmap merge's head is
+// converted to "<head>.vhd" in the target when the next head starts or the
+// rules end (see tq_vfs_bitmap.h).
 //
 // For LIS 'f' the source is a whole catalog line: everything after the type
 // field goes to the catalog parser, which reads the path between the first
@@ -35,11 +43,13 @@
 #include "runtime/text.h"
 #include "runtime/timefmt.h"
 #include "runtime/trace.h"
+#include "vfs/tq_vfs_bitmap.h"
 #include "vfs/tq_vfs_cache.h"
 #include "vfs/tq_vfs_catalog.h"
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_vhd.h"
 
 namespace {
 
@@ -255,15 +265,23 @@ void MapLocalFile(const Rule& r, LIS_NODE* target) {
   WRITE_TRACE(1, "MAPPER mapped LOCALFS: %s -> %ls", r.source.c_str(), node->wsName.c_str());
 }
 
-// SAVESET: a whole saveset as one file, read from its start as it stands.
-void MapSaveset(const Rule& r, LIS_NODE* target) {
-  const int32_t idx = saveset_find_by_name(r.source.c_str());
-  if (idx < 0) {
+// The saveset a rule names, and its size; false (traced, the rule then makes
+// no node) when no saveset has that name.
+bool FindSaveset(const Rule& r, int32_t* idx, uint64_t* size) {
+  *idx = saveset_find_by_name(r.source.c_str());
+  if (*idx < 0) {
     WRITE_TRACE(1, "Mapper line %d - cannot find matching saveset for [%s]", r.lineNo, r.source.c_str());
-    return;
+    return false;
   }
+  if (saveset_size(*idx, size) != 0) *size = 0;  // traced by the saveset layer
+  return true;
+}
+
+// SAVESET: a whole saveset as one file, read from its start as it stands.
+LIS_NODE* MapSaveset(const Rule& r, LIS_NODE* target) {
+  int32_t idx = -1;
   uint64_t size = 0;
-  if (saveset_size(idx, &size) != 0) size = 0;  // traced by the saveset layer
+  if (!FindSaveset(r, &idx, &size)) return nullptr;
 
   LIS_NODE* node = NewFileNode(NodeName(r, Wide(korvo::basename(r.source.c_str()))), nsSAVESET_MAPPED);
   node->sLoc.ssetIdx = idx;
@@ -273,12 +291,13 @@ void MapSaveset(const Rule& r, LIS_NODE* target) {
   StampNow(node);
   AddToTree(target, node);
   WRITE_TRACE(1, "MAPPER mapped SAVESET: %s -> %ls", r.source.c_str(), node->wsName.c_str());
+  return node;
 }
 
 // LIS 'f': one catalog item, located in its stream now when the line does
 // not say where its data starts (later reads could not: the node's path in
 // the tree is no longer the item's path in its stream).
-void MapCatalogItem(const Rule& r, LIS_NODE* target) {
+LIS_NODE* MapCatalogItem(const Rule& r, LIS_NODE* target) {
   LIS_ENTRY rec{};
   if (ParseSavesetEntry(&rec, r.work.c_str(), "f") != 0) {
     RuleFatal(Format("Could not extract [%s] from rules file line no: %d", r.work.c_str(), r.lineNo),
@@ -305,6 +324,7 @@ void MapCatalogItem(const Rule& r, LIS_NODE* target) {
   StampNow(node);
   AddToTree(target, node);
   WRITE_TRACE(1, "MAPPER mapped LIS: %ls -> %ls", rec.wsPath.c_str(), node->wsName.c_str());
+  return node;
 }
 
 // LIS 'R': a link to a rebuilt VMDK file, read through that node.
@@ -333,22 +353,88 @@ void MapVmdkFile(const Rule& r, LIS_NODE* target) {
   WRITE_TRACE(1, "MAPPER mapping LIS: %ls -> %ls", wpath.c_str(), node->wsName.c_str());
 }
 
+[[noreturn]] void TypeNotSupported(const Rule& r) {
+  const std::string text = Format("MAPPER type %s currently not supported line no %d", r.typeField.c_str(), r.lineNo);
+  RuleFatal(text, "ERROR: " + text + "\n", text);
+}
+
 void MapLis(const Rule& r, LIS_NODE* target) {
   if (r.typeField == "f") {
     MapCatalogItem(r, target);
   } else if (r.typeField == "R") {
     MapVmdkFile(r, target);
   } else {
-    const std::string text = Format("MAPPER type %s currently not supported line no %d", r.typeField.c_str(), r.lineNo);
+    TypeNotSupported(r);
+  }
+}
+
+// ---- disk images -------------------------------------------------------------
+
+// Where the inputs of disk-image rules go: the intermediate directory, or
+// the target when the rules were read into a tree built before.
+LIS_NODE* Intermediate(LIS_NODE* target) { return s_intermediateNode ? s_intermediateNode : target; }
+
+[[noreturn]] void VhdFatal(const std::wstring& name) {
+  const std::string text = korvo::wcstombs_utf8(name.c_str());
+  RuleFatal(Format("Could not create VHD file for %s", text.c_str()),
+            Format("ERROR: Could not create VHD file for %s\n", text.c_str()),
+            Format("Could not create VHD file for %s\n", text.c_str()));
+}
+
+// Ends the open bitmap merge: its head becomes a VHD in the target.
+void FinishBitmapMerge(LIS_NODE* target) {
+  LIS_NODE* head = bitmap_head();
+  if (head != nullptr && bitmap_finalize(target) != 0) VhdFatal(head->wsName + L".vhd");
+}
+
+// BITMERGE_FULL: the whole saveset becomes the head of a new bitmap merge,
+// the node itself (named as a SAVESET rule's node) being the merged disk.
+void MapBitmapHead(const Rule& r, LIS_NODE* target) {
+  int32_t idx = -1;
+  uint64_t size = 0;
+  if (!FindSaveset(r, &idx, &size)) return;
+  const std::wstring name = NodeName(r, Wide(korvo::basename(r.source.c_str())));
+  FinishBitmapMerge(target);
+  bitmap_set_head(target, Intermediate(target), name, idx, size);
+  StampNow(bitmap_head());  // the merged disk is made now
+  WRITE_TRACE(1, "MAPPER mapped SAVESET: %s -> %ls", r.source.c_str(), name.c_str());
+}
+
+// BITMERGE_INC: the saveset holding the next increment's blocks.  When it is
+// not found, the increment has no data and its bitmap rule fails.
+void MapBitmapIncrement(const Rule& r, LIS_NODE* target) {
+  bitmap_set_increment(MapSaveset(r, Intermediate(target)));
+}
+
+// BITMERGE_BITMAP 'f': the increment's bitmap file, laid over the head with
+// the data named just before.
+void MapBitmap(const Rule& r, LIS_NODE* target) {
+  if (r.typeField != "f") TypeNotSupported(r);
+  LIS_NODE* bitmap = MapCatalogItem(r, Intermediate(target));
+  if (bitmap_append_bitmap(r.source.c_str(), bitmap) != 0) {
+    const std::string text =
+        Format("MAPPER bitmap without a BITMERGE_FULL head or BITMERGE_INC data before it line no %d", r.lineNo);
     RuleFatal(text, "ERROR: " + text + "\n", text);
   }
 }
 
-// TODO: the bitmap merge (BITMERGE_FULL, BITMERGE_INC, BITMERGE_BITMAP), VHD
-// creation from a saveset (SAVESET2VHD) and the VHDX merge (VHDXMERGE) need
-// the RCT bitmap, VHD and VHDX disk-format code, which this build does not
-// have; a rules file that asks for them ends the process rather than giving
-// a tree without the disks it asked for.
+// SAVESET2VHD: the whole saveset (a node in the intermediate directory) as a
+// dynamic VHD in the target, named by the rule or "<saveset>.vhd".
+void MapSavesetToVhd(const Rule& r, LIS_NODE* target) {
+  Rule source = r;
+  source.hasName = false;
+  source.name.clear();
+  const std::wstring base = Wide(korvo::basename(r.source.c_str()));
+  const std::wstring vhdName = NodeName(r, base + L".vhd");
+  LIS_NODE* node = MapSaveset(source, Intermediate(target));
+  if (node == nullptr) return;
+  if (localfs_VHD_create(node, target, vhdName) < 0) VhdFatal(vhdName);
+  WRITE_TRACE(1, "MAPPER mapped SAVESET2VHD: %s -> %ls", r.source.c_str(), vhdName.c_str());
+}
+
+// TODO: the VHDX merge (VHDXMERGE) needs the VHDX parser, which this build
+// does not have; a rules file that asks for it ends the process rather than
+// giving a tree without the disk it asked for.
 [[noreturn]] void TokenNotSupported(const std::string& token, int lineNo) {
   const std::string text = Format("MAPPER token %s is not supported in this build line no %d", token.c_str(), lineNo);
   RuleFatal(text, "ERROR: " + text + "\n", text);
@@ -368,12 +454,18 @@ void ProcessLine(const std::string& line, int lineNo, LIS_NODE** target) {
     MapLocalFile(SplitRule(afterToken, lineNo), *target);
   } else if (token == "SAVESET") {
     MapSaveset(SplitRule(afterToken, lineNo), *target);
-  } else if (token == "BITMERGE_FULL" || token == "BITMERGE_INC" || token == "SAVESET2VHD" || token == "VHDXMERGE") {
+  } else if (token == "BITMERGE_FULL") {
+    MapBitmapHead(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "BITMERGE_INC") {
+    MapBitmapIncrement(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "SAVESET2VHD") {
+    MapSavesetToVhd(SplitRule(afterToken, lineNo), *target);
+  } else if (token == "VHDXMERGE") {
     TokenNotSupported(token, lineNo);
   } else if (token == "LIS") {
     MapLis(SplitRule(afterToken, lineNo), *target);
   } else if (token == "BITMERGE_BITMAP") {
-    TokenNotSupported(token, lineNo);
+    MapBitmap(SplitRule(afterToken, lineNo), *target);
   }
 }
 
@@ -398,6 +490,7 @@ const char* VfsGetMapperRulesFile() { return s_rulesFile.c_str(); }
 int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   WRITE_TRACE(1, "+++ initializeMAPPER_FS");
   s_mapperNode = s_intermediateNode = s_lastMapTo = nullptr;
+  bitmap_reset();
   const std::string path = s_rulesFile;
   if (path.empty()) {
     WRITE_TRACE(1, "no mapper file given");
@@ -437,7 +530,7 @@ int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   std::fclose(fp);
 
   WRITE_TRACE(1, "+++bitmap_finalize");
-  // No bitmap merge can have been started: its tokens are refused above.
+  FinishBitmapMerge(target);
   WRITE_TRACE(1, "---bitmap_finalize");
   // Nor VHDX merges collected, which would be completed into the target here
   // unless the tree was initialised before.

@@ -168,6 +168,13 @@ static void BuildRuns(const std::vector<tq_vfs_slice>& slices, const std::vector
   }
 }
 
+void tq_vfs_vfile::forEachRun(
+    const std::function<void(int64_t first, int64_t last, const tq_vfs_slice& slice)>& visit) const {
+  std::vector<SliceRun> runs;
+  BuildRuns(slices_, map_->mTimes, map_->m, &runs);
+  for (const SliceRun& r : runs) visit(r.first, r.last, slices_[static_cast<size_t>(r.slice)]);
+}
+
 uint64_t tq_vfs_vfile::read(void* buffer, uint64_t size) {
   WRITE_TRACE(3, "tq_vfs_vfile::read iBufSize=%llu m_fpos=%llu", static_cast<ull>(size), static_cast<ull>(m_fpos));
   unsigned char* pOut = static_cast<unsigned char*>(buffer);

@@ -24,6 +24,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -72,6 +73,10 @@ class tq_vfs_vfile {
   const std::wstring& relativePath() const { return relativePath_; }
   size_t sliceCount() const { return slices_.size(); }
   size_t segmentCount() const;
+  // Calls visit for every stretch [first, last] that one slice supplies, in
+  // ascending order, with that slice: what a read would copy from where.
+  // Gaps are skipped.  REQUIRES: no add_slice runs concurrently.
+  void forEachRun(const std::function<void(int64_t first, int64_t last, const tq_vfs_slice& slice)>& visit) const;
 
   int64_t m_fpos = 0;
   struct tm tmCtime {};   // filled by the VMDK catalog pass
