@@ -68,6 +68,7 @@ struct OPERATION {
 
 OPERATION s_op{0, 0, nullptr, nullptr, false, "", nullptr, 0, 0, 0, -1, LIS_ENTRY(), false, 0, 0};
 char s_szLine[LIS_LINE_BUFFER];
+char s_catalogBuffer[256 * 1024];
 
 void EnsureFinishEvent() {
   if (s_op.bFinishEventCreated) return;
@@ -207,6 +208,8 @@ uint32_t OperationInit(uint32_t type, uint32_t flags, char** controlVariables, c
   tvu_log(TQ_LOG_PROGRESS, "Catalog file: %s", ConsolidationArgs()->pszCatalogPath);
   tvu_log(TQ_LOG_PROGRESS, "Saveset file: %s", ConsolidationArgs()->szSavesetList);
   s_op.fpCatalog = pf::FOpen(ConsolidationArgs()->pszCatalogPath, "r");
+  // The catalog is read front to back once: large reads, not one per 4 KiB.
+  if (s_op.fpCatalog) setvbuf(s_op.fpCatalog, s_catalogBuffer, _IOFBF, sizeof s_catalogBuffer);
   tvu_log(TQ_LOG_PROGRESS, "Saveset type: %d", ConsolidationArgs()->iSavesetType);
   if (!s_op.fpCatalog) {
     // Without its catalog the stream cannot be built; say so now rather than

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <unordered_map>
 
 #include "platform/platform.h"
 #include "report/tvu_report.h"
@@ -33,31 +34,28 @@ const char kZeroDate[] = "0000-00-00";
 std::string s_sRewritten;   // the path with its drive bracket rewritten
 std::string s_sSavesetName;
 
-// The last saveset name looked up and its index, valid while the saveset
-// table keeps its generation (no entry added, not freed and refilled: a
-// second operation's table may name the same savesets in another order).
-// Consecutive lines of a consolidated catalog mostly name the same saveset,
-// and the table is filled before any line is parsed.
+// Saveset names looked up and their indexes, valid while the saveset table
+// keeps its generation (no entry added, not freed and refilled: a second
+// operation's table may name the same savesets in another order).  A
+// consolidated catalog names few savesets, line after line, often
+// alternating: each distinct name is matched against the table once.
 struct SavesetCache {
-  bool bValid = false;
-  std::string sName;
   uint64_t ullGeneration = 0;
-  int32_t iIndex = -1;
+  std::unordered_map<std::string, int32_t> byName;
 };
 SavesetCache s_cache;
 
 int32_t FindSaveset(const std::string& name) {
-  if (s_cache.bValid && s_cache.ullGeneration == saveset_table_generation() && s_cache.sName == name) {
-    return s_cache.iIndex;
-  }
-  const int32_t index = saveset_find_by_name(name.c_str());
-  // Only hits are kept: a miss ends the process anyway.
-  s_cache.bValid = index >= 0;
-  if (s_cache.bValid) {
-    s_cache.sName = name;
+  if (s_cache.ullGeneration != saveset_table_generation()) {
+    s_cache.byName.clear();
     s_cache.ullGeneration = saveset_table_generation();
-    s_cache.iIndex = index;
   }
+  auto it = s_cache.byName.find(name);
+  if (it != s_cache.byName.end()) return it->second;
+  const int32_t index = saveset_find_by_name(name.c_str());
+  // Only hits are kept: a miss ends the process anyway.  The map stays small
+  // unless a catalog names very many savesets; it is bounded all the same.
+  if (index >= 0 && s_cache.byName.size() < 65536) s_cache.byName.emplace(name, index);
   return index;
 }
 
