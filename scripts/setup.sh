@@ -9,6 +9,7 @@ PACKAGES=(
   libthrift-dev thrift-compiler libfuse3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   cpio libarchive-tools qemu-utils python3-libvhdi dump fuse3 bindfs
+  clang libclang-rt-14-dev
 )
 
 missing=()

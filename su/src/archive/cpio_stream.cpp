@@ -30,6 +30,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <memory>
 
 #include "archive/cpio_format.h"
 #include "report/tvu_report.h"
@@ -348,7 +349,9 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
     return 1;
   }
 
-  char* buffer = static_cast<char*>(safe_malloc(kBufferSize));
+  // Owned by the scope: the fatal paths below leave through it too.
+  std::unique_ptr<char, decltype(&free)> owned(static_cast<char*>(safe_malloc(kBufferSize)), &free);
+  char* buffer = owned.get();
   unsigned long ulTotalRead = 0;  // bytes read, re-read ones included
   int walkResult = kWalkOk;
   // The loop ends when the item (or an empty file) is found, at the end of
@@ -361,7 +364,6 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
     err = saveset_read(idx, buffer, kBufferSize, &got, &eof);
     if (err != 0) {
       WRITE_TRACE(1, "---UpdateFSEntryFromCPIOSaveset: saveset_read failed with error = %d", err);
-      free(buffer);
       saveset_operation_mutex_unlock(idx);
       VfsTimerStop(vtCPIO);
       return 1;
@@ -396,7 +398,6 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
     if (walk.bEncrypted || walk.bCompressed) tvu_fatal("Saveset is compressed. Compressed savesets are not supported");
   }
 
-  free(buffer);
   const unsigned long long rel = walk.ullRelOffset;
   if (walk.bFound) {
     WRITE_TRACE(2, "File located; relative offset = %llu stream size = %llu", rel,

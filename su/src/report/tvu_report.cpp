@@ -143,7 +143,13 @@ void tvu_fatal(const char* format, ...) {
   tvu_log(TQ_LOG_ERROR, "%s", text.c_str());
   fflush(stdout);
   fflush(stderr);
+#ifdef TVU_FUZZING
+  // Fuzz builds only: the target catches this as a clean rejection of its
+  // input and resets the module's state for the next one.
+  throw TvuFatalError{text};
+#else
   exit(1);
+#endif
 }
 
 void tvu_note(const char* format, ...) {

@@ -58,6 +58,13 @@ void tvu_fatal_report(const char* kind, const char* format, ...) __attribute__((
 // level 1500, then exit status 1.  Callers that must also write the message
 // to the standard error stream do that themselves first.
 [[noreturn]] void tvu_fatal(const char* format, ...) __attribute__((format(printf, 1, 2)));
+#ifdef TVU_FUZZING
+// In fuzz builds tvu_fatal throws this instead of ending the process.
+#include <string>
+struct TvuFatalError {
+  std::string message;
+};
+#endif
 
 // Appends one line to the notes file.
 void tvu_note(const char* format, ...) __attribute__((format(printf, 1, 2)));
