@@ -1,5 +1,5 @@
-// tq_vfs_vhdx.h - VHDX images (format version 1): the parsed image record and
-// the parser.
+// tq_vfs_vhdx.h - VHDX images (format version 1): the parsed image record,
+// the parser and the merge of a full image with its differencing tails.
 //
 // parse_vhdx reads an image through a sliced virtual file (positioned reads;
 // it never writes) and records the chosen header's identity, the metadata
@@ -109,5 +109,31 @@ std::wostream& operator<<(std::wostream& os, const VhdxImage& image);
 // Parses the image that `source.pFile` holds; empty on a bad region table or
 // region offset.
 VhdxImagePtr parse_vhdx(const VhdxSource& source);
+
+// ---- merge --------------------------------------------------------------
+// One disk: the head and its tails in the order given.  The result of the
+// merge is a MERGE file (handle in the MERGE table) of the newest state.
+class VhdxMerge {
+ public:
+  explicit VhdxMerge(VhdxImagePtr head);
+  const VhdxImagePtr& head() const { return head_; }
+  // Parses a tail and files it under its parent; false when it was left out.
+  bool add_tail(const VhdxSource& source);
+  // Merges every tail; the image of the newest state (the head itself when
+  // there are no tails).
+  VhdxImagePtr merge_all_tails();
+  // Parses the newest state once more and returns its MERGE handle, under
+  // which the caller shows it as `target`; -1 when it does not parse.
+  int32_t finalize(const VhdxImagePtr& result, const std::wstring& target);
+
+ private:
+  VhdxImagePtr merge_tails(const VhdxImagePtr& node, int depth);
+  VhdxImagePtr head_;
+};
+
+// Merges one tail into its parent image: a new MERGE file; its handle.
+int32_t vhdx_merge_block(const VhdxImage& tail, const VhdxImage& head, std::wstring* resultName);
+// The counter that numbers merge results (merge_0.vhdx, ...).
+void vhdx_merge_reset_counter();
 
 #endif
