@@ -296,7 +296,7 @@ TEST_F(MapperTest, RuleThatCannotBeMetEndsTheProcess) {
 }
 
 TEST_F(MapperTest, DiskFormatTokensAreRefusedInThisBuild) {
-  for (const char* token : {"BITMERGE_FULL", "BITMERGE_INC", "SAVESET2VHD", "VHDXMERGE", "BITMERGE_BITMAP"}) {
+  for (const char* token : {"BITMERGE_FULL", "BITMERGE_INC", "SAVESET2VHD", "BITMERGE_BITMAP"}) {
     const std::string text = std::string("MAPPER token ") + token + " is not supported in this build line no 2";
     ExpectFatal(std::string("MAPTO \"/v\"\n") + token + " f \"" + kSaveset + "\"\n", "ERROR: " + text, text);
   }

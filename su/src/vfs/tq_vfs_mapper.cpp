@@ -40,6 +40,8 @@
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_vfile.h"
+#include "vfs/tq_vfs_vhdx.h"
 
 namespace {
 
@@ -278,7 +280,7 @@ void MapSaveset(const Rule& r, LIS_NODE* target) {
 // LIS 'f': one catalog item, located in its stream now when the line does
 // not say where its data starts (later reads could not: the node's path in
 // the tree is no longer the item's path in its stream).
-void MapCatalogItem(const Rule& r, LIS_NODE* target) {
+LIS_NODE* MapCatalogItem(const Rule& r, LIS_NODE* target) {
   LIS_ENTRY rec{};
   if (ParseSavesetEntry(&rec, r.work.c_str(), "f") != 0) {
     RuleFatal(Format("Could not extract [%s] from rules file line no: %d", r.work.c_str(), r.lineNo),
@@ -305,6 +307,7 @@ void MapCatalogItem(const Rule& r, LIS_NODE* target) {
   StampNow(node);
   AddToTree(target, node);
   WRITE_TRACE(1, "MAPPER mapped LIS: %ls -> %ls", rec.wsPath.c_str(), node->wsName.c_str());
+  return node;
 }
 
 // LIS 'R': a link to a rebuilt VMDK file, read through that node.
@@ -333,21 +336,100 @@ void MapVmdkFile(const Rule& r, LIS_NODE* target) {
   WRITE_TRACE(1, "MAPPER mapping LIS: %ls -> %ls", wpath.c_str(), node->wsName.c_str());
 }
 
+[[noreturn]] void TypeNotSupported(const Rule& r) {
+  const std::string text = Format("MAPPER type %s currently not supported line no %d", r.typeField.c_str(), r.lineNo);
+  RuleFatal(text, "ERROR: " + text + "\n", text);
+}
+
 void MapLis(const Rule& r, LIS_NODE* target) {
   if (r.typeField == "f") {
     MapCatalogItem(r, target);
   } else if (r.typeField == "R") {
     MapVmdkFile(r, target);
   } else {
-    const std::string text = Format("MAPPER type %s currently not supported line no %d", r.typeField.c_str(), r.lineNo);
-    RuleFatal(text, "ERROR: " + text + "\n", text);
+    TypeNotSupported(r);
   }
 }
 
-// TODO: the bitmap merge (BITMERGE_FULL, BITMERGE_INC, BITMERGE_BITMAP), VHD
-// creation from a saveset (SAVESET2VHD) and the VHDX merge (VHDXMERGE) need
-// the RCT bitmap, VHD and VHDX disk-format code, which this build does not
-// have; a rules file that asks for them ends the process rather than giving
+// VHDXMERGE f <catalog line>: the disk file goes to INTERMEDIATE as a LIS 'f'
+// node, then joins the VHDX merge: a name containing ".avhdx" is a tail of
+// the disk whose head came last, else one containing ".vhdx" starts a disk.
+// The merges are completed when the rules file ends.
+struct VhdxDisk {
+  std::unique_ptr<VhdxMerge> merge;
+  std::wstring baseName;  // the head's: the merged disk's name
+};
+std::vector<VhdxDisk> s_vhdxDisks;
+
+// The item's bytes as a MERGE file (one stretch of its saveset), so that the
+// parser reads it like any other VHDX file.
+VhdxSource VhdxSourceOf(const LIS_NODE* node, const std::wstring& catalogPath) {
+  auto file = std::make_unique<tq_vfs_vfile>(catalogPath, catalogPath);
+  VhdxSource src;
+  src.name = catalogPath;
+  src.iSavesetIdx = node->sLoc.ssetIdx;
+  src.ullSavesetOffset = node->sLoc.ssetOff + static_cast<uint64_t>(node->sLoc.relOff);
+  tq_vfs_slice slice;
+  slice.mTime = 1;
+  slice.iType = stSAVESET;
+  slice.miIntervalEnd = static_cast<int64_t>(node->ullSize);
+  slice.miSavesetIdx = src.iSavesetIdx;
+  slice.miSavesetOffset = src.ullSavesetOffset;
+  file->add_slice(slice);
+  src.pFile = file.get();
+  src.iMergeHandle = vfile_table_MERGE_push(std::move(file));
+  return src;
+}
+
+void MapVhdxMerge(const Rule& r, LIS_NODE* target) {
+  if (r.typeField != "f") TypeNotSupported(r);
+  LIS_ENTRY rec{};
+  const bool parsed = ParseSavesetEntry(&rec, r.work.c_str(), "f") == 0;
+  LIS_NODE* node = MapCatalogItem(r, s_intermediateNode ? s_intermediateNode : target);
+  const std::wstring path = parsed ? Wide(rec.sPath) : node->wsName;  // the catalog path as written
+  const bool tail = rec.sPath.find(".avhdx") != std::string::npos;
+  if (!tail && rec.sPath.find(".vhdx") == std::string::npos) {
+    const std::string text = Format("Unexpected file type for VHDX in map file line no %d", r.lineNo);
+    RuleFatal("ERROR: " + text, "ERROR: " + text + "\n", text);
+  }
+  const VhdxSource src = VhdxSourceOf(node, path);
+  if (!tail) {
+    VhdxImagePtr head = parse_vhdx(src);
+    if (!head) {
+      WRITE_TRACE(1, "Error parsing VHDX head %ls line no %d - disk left out", path.c_str(), r.lineNo);
+      std::fprintf(stdout, "[VHDX] Error parsing VHDX file %s\n", rec.sPath.c_str());
+      std::fflush(stdout);
+      s_vhdxDisks.push_back(VhdxDisk{});  // its tails have no head to join
+      return;
+    }
+    s_vhdxDisks.push_back(VhdxDisk{std::make_unique<VhdxMerge>(head), Wide(korvo::basename(rec.sPath.c_str()))});
+  } else if (s_vhdxDisks.empty() || !s_vhdxDisks.back().merge) {
+    WRITE_TRACE(1, "VHDX tail %ls line no %d has no head - left out", path.c_str(), r.lineNo);
+  } else {
+    s_vhdxDisks.back().merge->add_tail(src);
+  }
+}
+
+// Each disk's newest state under the head's base name in the target.
+void CompleteVhdxMerges(LIS_NODE* target) {
+  for (VhdxDisk& disk : s_vhdxDisks) {
+    if (!disk.merge) continue;
+    const VhdxImagePtr result = disk.merge->merge_all_tails();
+    const int32_t handle = disk.merge->finalize(result, disk.baseName);
+    if (handle < 0) continue;
+    LIS_NODE* node = NewFileNode(disk.baseName, nsMERGE);
+    node->iHandle = handle;
+    node->ullSize = vfile_get_MERGE(handle)->size();
+    StampNow(node);
+    AddToTree(target, node);
+    WRITE_TRACE(1, "MAPPER merged VHDX: %ls", disk.baseName.c_str());
+  }
+  s_vhdxDisks.clear();
+}
+
+// TODO: the bitmap merge (BITMERGE_FULL, BITMERGE_INC, BITMERGE_BITMAP) and
+// VHD creation from a saveset (SAVESET2VHD) need the bitmap and VHD
+// disk-format code, which this build does not have; a rules file that asks for them ends the process rather than giving
 // a tree without the disks it asked for.
 [[noreturn]] void TokenNotSupported(const std::string& token, int lineNo) {
   const std::string text = Format("MAPPER token %s is not supported in this build line no %d", token.c_str(), lineNo);
@@ -368,8 +450,10 @@ void ProcessLine(const std::string& line, int lineNo, LIS_NODE** target) {
     MapLocalFile(SplitRule(afterToken, lineNo), *target);
   } else if (token == "SAVESET") {
     MapSaveset(SplitRule(afterToken, lineNo), *target);
-  } else if (token == "BITMERGE_FULL" || token == "BITMERGE_INC" || token == "SAVESET2VHD" || token == "VHDXMERGE") {
+  } else if (token == "BITMERGE_FULL" || token == "BITMERGE_INC" || token == "SAVESET2VHD") {
     TokenNotSupported(token, lineNo);
+  } else if (token == "VHDXMERGE") {
+    MapVhdxMerge(SplitRule(afterToken, lineNo), *target);
   } else if (token == "LIS") {
     MapLis(SplitRule(afterToken, lineNo), *target);
   } else if (token == "BITMERGE_BITMAP") {
@@ -398,6 +482,7 @@ const char* VfsGetMapperRulesFile() { return s_rulesFile.c_str(); }
 int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   WRITE_TRACE(1, "+++ initializeMAPPER_FS");
   s_mapperNode = s_intermediateNode = s_lastMapTo = nullptr;
+  s_vhdxDisks.clear();
   const std::string path = s_rulesFile;
   if (path.empty()) {
     WRITE_TRACE(1, "no mapper file given");
@@ -439,8 +524,8 @@ int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   WRITE_TRACE(1, "+++bitmap_finalize");
   // No bitmap merge can have been started: its tokens are refused above.
   WRITE_TRACE(1, "---bitmap_finalize");
-  // Nor VHDX merges collected, which would be completed into the target here
-  // unless the tree was initialised before.
+  if (!s_treeInitialised) CompleteVhdxMerges(target);
+  s_vhdxDisks.clear();
   WRITE_TRACE(1, "--- initializeMAPPER_FS");
   return 0;
 }
