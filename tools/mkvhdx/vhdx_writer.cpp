@@ -209,9 +209,12 @@ Image Write(const Spec& s) {
     const uint64_t entry = index + chunk;
     uint64_t value = block.state & 7u;
     if (block.state == 6 || block.state == 7) {
-      std::vector<uint8_t> data = block.data;
-      data.resize(bs, 0);
-      img.pieces[next] = data;
+      // A block given no data is all zeros: its place is kept, not written.
+      if (!block.data.empty()) {
+        std::vector<uint8_t> data = block.data;
+        data.resize(bs, 0);
+        img.pieces[next] = data;
+      }
       value |= next;  // a MiB multiple: the offset field is bits 20-63
       next += RoundUp(bs, kMiB);
     }

@@ -27,7 +27,8 @@ std::string GuidText(const Guid& g);         // "{XXXXXXXX-...}" upper case
 
 struct Block {
   uint8_t state = 6;                 // payload BAT state: 0, 1, 2, 3, 6, 7 (4, 5 for damage)
-  std::vector<uint8_t> data;         // states 6, 7: block_size bytes (shorter is zero-padded)
+  std::vector<uint8_t> data;         // states 6, 7: block_size bytes (shorter is zero-padded,
+                                     // none: zeros, not stored, so huge disks stay cheap)
   std::vector<bool> sectors;         // state 7: one flag per logical sector of the block
 };
 
