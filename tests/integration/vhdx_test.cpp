@@ -72,6 +72,28 @@ TEST_F(HvChain, MergedDiskIsTheFinalDiskForQemuImg) {
   }
 }
 
+// With --rct the disk files of the catalog are RCT disks; these have no
+// records, so each stands as its full file, and each lacks its serialized
+// state, which is reported.
+TEST_F(HvChain, RctModeShowsEachDiskAtItsFullState) {
+  std::vector<std::string> argv = {BuiltProgram("tvucon"), "ls", "--saveset", kv_["consolidate"], "--ini",
+                                   kv_["ini"], "--rct", "/MAPPER/merge_result"};
+  ProcessResult r = RunProcess(argv);
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  for (const char* disk : {"web02.vhdx", "web02_1.avhdx", "web02_3.avhdx"}) {
+    EXPECT_NE(std::string::npos, r.out.find(disk)) << r.out;
+  }
+  EXPECT_NE(std::string::npos, r.err.find("Serialize file not found for hvstore/web02/web02.vhdx")) << r.err;
+  argv[1] = "cat";
+  argv.back() = "/MAPPER/merge_result/web02_2.avhdx";
+  r = RunProcess(argv);
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  ProcessResult item = RunProcess({BuiltProgram("tvucon"), "cat", "--saveset", kv_["consolidate"], "--ini", kv_["ini"],
+                                   "/hvstore/web02/web02_2.avhdx"});
+  ASSERT_EQ(0, item.exitCode) << item.err;
+  EXPECT_TRUE(r.out == item.out);
+}
+
 TEST_F(HvChain, MountedMergedDiskMatchesTheCatOutput) {
   int fd = open("/dev/fuse", O_RDWR);
   if (fd < 0) GTEST_SKIP() << "FUSE unusable: cannot open /dev/fuse";
