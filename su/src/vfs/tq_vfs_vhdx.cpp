@@ -183,22 +183,50 @@ void ParseMetadata(tq_vfs_vfile* f, uint64_t offset, VhdxImage* img) {
   }
 }
 
-// Adds one logical sector per set bit of bitmap[firstByte, endByte), the
-// first bit standing for the sector at virtualOffset.
+// Calls add(first, count) for every run of set bits in bitmap[firstByte,
+// endByte), bits counted from the first byte's least significant bit.
+// Runs, not single bits, keep the interval sets cheap for full bitmaps.
+template <class Add>
+void ForEachSetRun(const std::vector<uint8_t>& bitmap, uint64_t firstByte, uint64_t endByte, Add add) {
+  endByte = std::min<uint64_t>(endByte, bitmap.size());
+  uint64_t runStart = 0, runLength = 0;
+  for (uint64_t k = firstByte; k < endByte; ++k) {
+    const uint8_t byte = bitmap[k];
+    if (byte == 0 || byte == 0xFF) {  // whole bytes: end or extend the run at once
+      if (byte == 0xFF) {
+        if (runLength == 0) runStart = 8 * (k - firstByte);
+        runLength += 8;
+      } else if (runLength != 0) {
+        add(runStart, runLength);
+        runLength = 0;
+      }
+      continue;
+    }
+    for (unsigned b = 0; b < 8; ++b) {
+      const uint64_t bit = 8 * (k - firstByte) + b;
+      if ((byte >> b) & 1) {
+        if (runLength == 0) runStart = bit;
+        ++runLength;
+      } else if (runLength != 0) {
+        add(runStart, runLength);
+        runLength = 0;
+      }
+    }
+  }
+  if (runLength != 0) add(runStart, runLength);
+}
+
+// Adds the logical sectors whose bits are set in bitmap[firstByte, endByte),
+// the first bit standing for the sector at virtualOffset.
 void AddBitmapSectors(const std::vector<uint8_t>& bitmap, uint64_t firstByte, uint64_t endByte,
                       uint64_t virtualOffset, VhdxImage* img, VhdxBlock* rec) {
   const uint64_t ss = img->logical_sector_size;
-  for (uint64_t k = firstByte; k < endByte && k < bitmap.size(); ++k) {
-    if (bitmap[k] == 0) continue;
-    for (unsigned b = 0; b < 8; ++b) {
-      if (!((bitmap[k] >> b) & 1)) continue;
-      const uint64_t from = virtualOffset + (8 * (k - firstByte) + b) * ss;
-      const auto iv = VhdxRanges::interval_type::right_open(from, from + ss);
-      rec->ranges.add(iv);
-      img->present_ranges.add(iv);
-      img->bitmap_ranges.add(iv);
-    }
-  }
+  ForEachSetRun(bitmap, firstByte, endByte, [&](uint64_t first, uint64_t count) {
+    const auto iv = VhdxRanges::interval_type::right_open(virtualOffset + first * ss, virtualOffset + (first + count) * ss);
+    rec->ranges.add(iv);
+    img->present_ranges.add(iv);
+    img->bitmap_ranges.add(iv);
+  });
 }
 
 void WalkBat(tq_vfs_vfile* f, VhdxImage* img) {
@@ -278,14 +306,10 @@ void WalkBat(tq_vfs_vfile* f, VhdxImage* img) {
         WRITE_TRACE(2, "%lu SB %d offset: %lu", static_cast<ul>(entry), state, static_cast<ul>(e >> 20));
         const std::vector<uint8_t> bitmap = ReadAt(f, (e >> 20) * k1M, k1M);
         const uint64_t ss = img->logical_sector_size;
-        for (uint64_t k = 0; k < bitmap.size(); ++k) {
-          if (bitmap[k] == 0) continue;
-          for (unsigned b = 0; b < 8; ++b) {
-            if (!((bitmap[k] >> b) & 1)) continue;
-            const uint64_t sector = (sbSeen * k1M + k) * 8 + b;
-            img->bitmap_ranges.add(VhdxRanges::interval_type::right_open(sector * ss, (sector + 1) * ss));
-          }
-        }
+        const uint64_t base = sbSeen * kSectorsPerBitmapBlock;  // first sector this block describes
+        ForEachSetRun(bitmap, 0, bitmap.size(), [&](uint64_t first, uint64_t count) {
+          img->bitmap_ranges.add(VhdxRanges::interval_type::right_open((base + first) * ss, (base + first + count) * ss));
+        });
       } else if (state == 6) {
         WRITE_TRACE(1, "%lu SB BAT entry in invalid state(%d) not allowed on non diff disk", static_cast<ul>(entry), state);
       } else if (state != 0 || (partialInChunk && diff)) {
