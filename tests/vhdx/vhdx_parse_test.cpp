@@ -67,11 +67,14 @@ TEST(VhdxParse, IdentityGeometryAndParentLocator) {
   // Lowercase text parses to the same GUID.
   EXPECT_EQ(vhdx_guid_from_text("{0a1b2c3d-4e5f-6071-8293-a4b5c6d7e8f9}"), img->parent_guid);
 
-  // Without "parent_linkage" the disk counts as non-differencing.
-  s.parentLinkage.clear();
-  img = Parse(s);
-  ASSERT_TRUE(img);
-  EXPECT_FALSE(img->differencing());
+  // Without "parent_linkage", or with one that is no GUID, the disk counts
+  // as non-differencing.
+  for (const char* linkage : {"", "{not-a-guid}"}) {
+    s.parentLinkage = linkage;
+    img = Parse(s);
+    ASSERT_TRUE(img);
+    EXPECT_FALSE(img->differencing()) << linkage;
+  }
 }
 
 TEST(VhdxParse, HeaderAndRegionTableChoice) {

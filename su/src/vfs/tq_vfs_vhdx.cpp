@@ -20,6 +20,7 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 
 #include "platform/platform.h"
 #include "report/tvu_report.h"
@@ -140,7 +141,13 @@ void ParseParentLocator(const uint8_t* loc, size_t avail, VhdxImage* img) {
     WRITE_TRACE(1, "%ls = %ls", key.c_str(), value.c_str());
     img->parent_locator[key] = value;
     if (key == L"parent_linkage") {
-      img->parent_guid = vhdx_guid_from_text(korvo::wcstombs_utf8(value.c_str()));
+      // A value that is no GUID links to nothing: the disk counts as one
+      // without a parent, so no tree takes it as a tail.
+      try {
+        img->parent_guid = vhdx_guid_from_text(korvo::wcstombs_utf8(value.c_str()));
+      } catch (const std::exception& bad) {
+        WRITE_TRACE(1, "parent_linkage [%ls] is no GUID (%s) - ignored", value.c_str(), bad.what());
+      }
     } else if (key == L"absolute_win32_path") {
       img->parent_path = value;
     }
