@@ -12,7 +12,7 @@ bash "$root/scripts/build.sh" "$root/build"
 demo=$root/demo
 rm -rf "$demo"
 echo "== making the demo chain in $demo"
-"$root/build/mkchain" --out "$demo/chain" --vm-disk 268435456
+"$root/build/mkchain" --out "$demo/chain" --vm-disk 268435456 --hv-disk 1073741824
 con=$(sed -n 's/^consolidate=//p' "$demo/chain/chain.txt")
 
 # consolidate MEDIA: runs tvucon on the chain as its saveset list now stands.
@@ -66,6 +66,19 @@ end=$(date +%s.%N)
 qemu-img compare -q -f raw -F raw "$demo/web01.raw" "$vm_final" &&
   awk -v b="$(stat -c %s "$demo/web01.raw")" -v s="$start" -v e="$end" 'BEGIN {
     t = e - s; printf "  rebuilt disk (%d bytes, %.2f s) is identical to the disk'"'"'s final state (qemu-img compare)\n", b, t }'
+
+echo "== the Hyper-V disk: a full VHDX and its differencing tails merged by VHDXMERGE rules"
+hv_rules=$(sed -n 's/^hv_rules=//p' "$demo/chain/chain.txt")
+hv_final=$(sed -n 's/^hv_final=//p' "$demo/chain/chain.txt")
+start=$(date +%s.%N)
+"$root/build/tvucon" cat --saveset "$con" --ini "$demo/chain/tq.ini" --rules "$hv_rules" /MAPPER/hv/web02.vhdx \
+  > "$demo/web02.vhdx" 2> "$demo/web02.merge.log"
+end=$(date +%s.%N)
+grep '^\[VHDX\] Merging source' "$demo/web02.merge.log" | sed 's/^/  /'
+qemu-img check -q -f vhdx "$demo/web02.vhdx" && echo "  qemu-img check: no errors in the merged VHDX"
+qemu-img compare -q -f vhdx -F raw "$demo/web02.vhdx" "$hv_final" &&
+  awk -v b="$(stat -c %s "$demo/web02.vhdx")" -v s="$start" -v e="$end" 'BEGIN {
+    t = e - s; printf "  merged VHDX (%d bytes, %.2f s) holds the disk'"'"'s final state (qemu-img compare)\n", b, t }'
 
 echo "== a disk saved as a raw image and block-bitmap increments, shown as dynamic VHDs"
 "$root/build/mkchain" bitmap --out "$demo/bitmap" --size 268435456 --increments 3 | sed 's/^/  /'

@@ -295,11 +295,4 @@ TEST_F(MapperTest, RuleThatCannotBeMetEndsTheProcess) {
               "Unable to parse LIS line within rules file [" + dirLine + "] line no: 1");
 }
 
-TEST_F(MapperTest, VhdxMergeIsRefusedInThisBuild) {
-  for (const char* token : {"VHDXMERGE"}) {
-    const std::string text = std::string("MAPPER token ") + token + " is not supported in this build line no 2";
-    ExpectFatal(std::string("MAPTO \"/v\"\n") + token + " f \"" + kSaveset + "\"\n", "ERROR: " + text, text);
-  }
-}
-
 }  // namespace

@@ -27,6 +27,8 @@ struct FileCloser {
 
 }  // namespace
 
+std::string Chain::ConCatalog() const { return MountDir() + "/" + con + CatalogExtension(catalog); }
+
 bool WriteConsolidatedCatalog(const Chain& chain, const ChainModel& model,
                               uint64_t* streamBytes, uint64_t* items, std::string* error) {
   std::error_code ec;
@@ -85,6 +87,9 @@ bool WriteControlFiles(const Chain& chain, uint64_t streamBytes, uint64_t items,
     info += std::string("vm_disk=") + VmDisk::kPath + "\n" +
             "vm_disk_size=" + std::to_string(chain.vmDiskSize) + "\n" +
             "vm_final=" + chain.VmFinal() + "\n" + "vm_rules=" + chain.VmRules() + "\n";
+  if (chain.hvDiskSize)
+    info += "hv_disk_size=" + std::to_string(chain.hvDiskSize) + "\n" + "hv_final=" + chain.HvFinal() + "\n" +
+            "hv_rules=" + chain.HvRules() + "\n";
   return WriteText(chain.dir + "/chain.txt", info, error);
 }
 

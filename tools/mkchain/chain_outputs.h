@@ -23,10 +23,14 @@ struct Chain {
   std::vector<uint64_t> bytes;       // their sizes
   std::string con;                   // name of the consolidation target
   uint64_t vmDiskSize = 0;           // size of the virtual machine disk, 0: none
+  uint64_t hvDiskSize = 0;           // virtual size of the Hyper-V disk, 0: none
 
   std::string MountDir() const { return dir + "/tqslis/" + con + "_mnt"; }
   std::string VmFinal() const { return dir + "/vm/web01-flat.vmdk.final"; }
   std::string VmRules() const { return dir + "/vm/rules.map"; }
+  std::string HvFinal() const { return dir + "/hv/web02.raw"; }
+  std::string HvRules() const { return dir + "/hv/rules.map"; }
+  std::string ConCatalog() const;
 };
 
 // Writes tqslis/<CON>_mnt/<CON>.lsl|.lis.  *streamBytes receives the size of

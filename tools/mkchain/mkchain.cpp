@@ -4,11 +4,14 @@
 //
 //   mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]
 //           [--files N] [--incrementals K] [--seed S] [--total-bytes B]
-//           [--vm-disk BYTES] [--no-expected] [--no-final]
+//           [--vm-disk BYTES] [--hv-disk BYTES] [--no-expected] [--no-final]
 //
 // --vm-disk adds a virtual machine disk saved with changed-block tracking
 // (vm_disk.h) and writes vm/web01-flat.vmdk.final (its final state as a raw
-// image) and vm/rules.map (mapper rules that show it).
+// image) and vm/rules.map (mapper rules that show it).  --hv-disk adds a
+// Hyper-V disk of that virtual size, a full VHDX and one differencing tail
+// per incremental (hv_disk.h), and writes hv/web02.raw (its final state)
+// and hv/rules.map (VHDXMERGE rules that merge it into /hv/web02.vhdx).
 //
 // The same options and seed always give the same chain (times are local, so
 // the epoch values in the headers depend on the time zone).  Output already
@@ -31,6 +34,7 @@
 #include "dump_chain.h"
 #include "saveset_writer.h"
 #include "bitmap_chain.h"
+#include "hv_disk.h"
 #include "vm_disk.h"
 
 namespace mkchain {
@@ -44,6 +48,7 @@ struct Options {
   ModelOptions model;
   int incrementals = 4;
   uint64_t vmDisk = 0;  // bytes; 0: no disk
+  uint64_t hvDisk = 0;  // virtual bytes; 0: no Hyper-V disk
   bool expected = true;
   bool final = true;
 };
@@ -51,11 +56,13 @@ struct Options {
 const char kUsage[] =
     "usage: mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]\n"
     "               [--files N (1200)] [--incrementals K (4)] [--seed S (1)]\n"
-    "               [--total-bytes B (25165824)] [--vm-disk BYTES (0)]\n"
+    "               [--total-bytes B (25165824)] [--vm-disk BYTES (0)] [--hv-disk BYTES (0)]\n"
     "               [--no-expected] [--no-final]\n"
     "  lsl and lis are the version-1 catalogs; LIS catalogs allow no incrementals.\n"
     "  --vm-disk adds a virtual machine disk of that size (a multiple of 64 KiB, at least\n"
     "  1 MiB) saved with changed-block tracking; 0 makes none.\n"
+    "  --hv-disk adds a Hyper-V disk of that virtual size (a multiple of 32 MiB, at least\n"
+    "  64 MiB): a full VHDX and a differencing AVHDX per incremental; 0 makes none.\n"
     "       mkchain relist --out DIR --media file|vk4|vk4ng [--dedup-host H] [--dedup-port P]\n"
     "               [--http-type T (hyper)]\n"
     "  rewrites the saveset list of the chain in DIR for savesets read from that medium.\n"
@@ -121,6 +128,9 @@ std::string ParseOptions(int argc, char** argv, Options* o) {
       o->model.seed = n;
     } else if (arg == "--total-bytes") {
       o->model.totalBytes = n;
+    } else if (arg == "--hv-disk") {
+      if (n != 0 && !HvDisk::CheckSize(n).empty()) return HvDisk::CheckSize(n);
+      o->hvDisk = n;
     } else if (arg == "--vm-disk") {
       if (n != 0 && !VmDisk::CheckSize(n).empty()) return VmDisk::CheckSize(n);
       o->vmDisk = n;
@@ -169,6 +179,7 @@ int Run(const Options& o) {
   chain.format = o.format;
   chain.catalog = o.catalog;
   chain.vmDiskSize = o.vmDisk;
+  chain.hvDiskSize = o.hvDisk;
   RemoveOldOutput(chain.dir);
   for (const char* sub : {"savesets", "catalogs"}) fs::create_directories(chain.dir + "/" + sub, ec);
   if (ec) {
@@ -179,6 +190,13 @@ int Run(const Options& o) {
   ChainModel model(o.model);
   std::optional<VmDisk> disk;
   if (o.vmDisk) disk.emplace(o.vmDisk, o.model.seed);
+  std::optional<HvDisk> hv;
+  if (o.hvDisk) {
+    hv.emplace(o.hvDisk, o.model.seed);
+    SetContentHook([&hv](const std::string& path, uint64_t size, OutFile* out, bool* handled) {
+      return hv->Content(path, size, out, handled);
+    });
+  }
   std::string error;
   uint64_t records = 0;
   for (int s = 0; s <= o.incrementals; ++s) {
@@ -192,6 +210,13 @@ int Run(const Options& o) {
       std::vector<std::string> merged;
       std::set_union(paths.begin(), paths.end(), more.begin(), more.end(),
                      std::back_inserter(merged));
+      paths.swap(merged);
+    }
+    if (hv) {
+      std::vector<std::string> more = s == 0 ? hv->Full(&model, t) : hv->Incremental(&model, t);
+      std::sort(more.begin(), more.end());
+      std::vector<std::string> merged;
+      std::set_union(paths.begin(), paths.end(), more.begin(), more.end(), std::back_inserter(merged));
       paths.swap(merged);
     }
     chain.names.push_back(name);
@@ -222,7 +247,9 @@ int Run(const Options& o) {
   if (error.empty() && WriteConsolidatedCatalog(chain, model, &streamBytes, &items, &error) &&
       WriteControlFiles(chain, streamBytes, items, &error) &&
       (!o.final || WriteFinalTree(chain, model, &error)) &&
-      (!o.expected || WriteExpectedStream(chain, model, &error)) && writeVm()) {
+      (!o.expected || WriteExpectedStream(chain, model, &error)) && writeVm() &&
+      (!hv || (fs::create_directories(chain.dir + "/hv", ec), hv->WriteImage(chain.HvFinal(), &error) &&
+                                                                HvDisk::WriteRules(chain.HvRules(), chain.ConCatalog(), &error)))) {
     uint64_t total = 0, dirs = 0;
     for (uint64_t b : chain.bytes) total += b;
     for (const auto& kv : model.nodes()) dirs += kv.second.dir;
@@ -237,6 +264,9 @@ int Run(const Options& o) {
                 static_cast<unsigned long long>(total),
                 static_cast<unsigned long long>(chain.bytes.front()),
                 static_cast<unsigned long long>(streamBytes), chain.con.c_str());
+    if (hv)
+      std::printf("hyper-v disk: %s, %llu bytes virtual, final image %s, rules %s\n", HvDisk::kHeadPath,
+                  static_cast<unsigned long long>(o.hvDisk), chain.HvFinal().c_str(), chain.HvRules().c_str());
     if (disk)
       std::printf("vm disk: %s, %llu bytes, final image %s, rules %s\n", VmDisk::kPath,
                   static_cast<unsigned long long>(disk->size()), chain.VmFinal().c_str(),

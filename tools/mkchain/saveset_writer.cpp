@@ -54,7 +54,18 @@ bool OutFile::Write(const void* data, size_t n) {
   return !failed_;
 }
 
+namespace {
+ContentHook s_contentHook;
+}  // namespace
+
+void SetContentHook(ContentHook hook) { s_contentHook = std::move(hook); }
+
 bool OutFile::WriteContent(const std::string& path, uint32_t version, uint64_t size) {
+  bool handled = false;
+  if (s_contentHook) {
+    const bool ok = s_contentHook(path, size, this, &handled);
+    if (handled) return ok;
+  }
   thread_local std::vector<char> buf(kChunk);
   ContentStream content(path, version);
   while (size > 0) {

@@ -42,6 +42,12 @@ class OutFile {
   bool failed_ = false;
 };
 
+// Items whose bytes come from elsewhere (a disk image written by another
+// generator): the hook writes them and sets *handled; every other item gets
+// its generated content.
+using ContentHook = std::function<bool(const std::string& path, uint64_t size, OutFile* out, bool* handled)>;
+void SetContentHook(ContentHook hook);
+
 // Called after each record with the item's path and node; node.newest
 // describes the record just written.
 using RecordCallback = std::function<void(const std::string& path, const Node& node)>;

@@ -9,9 +9,9 @@ const char* TvuconUsage() {
          "                          [--close-archive] [--module PATH] [--trace-file FILE]\n"
          "                          [--log-level LEVEL] [--quiet]\n"
          "       tvucon info [--module PATH]\n"
-         "       tvucon ls|stat|cat|find --saveset NAME [--ini FILE] [--rules FILE] [--build-cache] [PATH]\n"
-         "       tvucon export --saveset NAME [--ini FILE] [--rules FILE] PATH FOLDER\n"
-         "       tvucon mount --saveset NAME [--ini FILE] [--rules FILE] [--foreground] [--debug] MOUNTPOINT\n"
+         "       tvucon ls|stat|cat|find --saveset NAME [--ini FILE] [--rules FILE|--rct] [--build-cache] [PATH]\n"
+         "       tvucon export --saveset NAME [--ini FILE] [--rules FILE|--rct] PATH FOLDER\n"
+         "       tvucon mount --saveset NAME [--ini FILE] [--rules FILE|--rct] [--foreground] [--debug] MOUNTPOINT\n"
          "  tree paths: a catalog item a/b.txt is /a/b.txt; C:/x/y is /C/x/y\n";
 }
 
@@ -85,6 +85,8 @@ bool ParseTvuconOptions(int argc, char** argv, TvuconOptions* o, std::string* er
       o->quiet = true;
     } else if (arg == "--rules") {
       if (!value(&o->rules)) return false;
+    } else if (arg == "--rct") {
+      o->rct = true;
     } else if (arg == "--build-cache") {
       o->buildCache = true;
     } else if (arg == "--foreground") {

@@ -21,6 +21,7 @@ struct TvuconOptions {
   std::string destination;       // export: local folder
   bool buildCache = false;       // --build-cache: build the whole tree first
   std::string rules;             // --rules: mapper rules file
+  bool rct = false;              // --rct: Hyper-V RCT disks instead of VMDK disks and rules
   bool foreground = false;       // mount --foreground
   bool debug = false;            // mount --debug
 };

@@ -172,6 +172,7 @@ int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook, FILE* out) {
   options.saveset = o.saveset;
   options.buildCache = o.buildCache;
   options.rulesFile = o.rules;
+  options.rct = o.rct;
   std::string error;
   int rc = tvu::Open(options, &error);
   if (rc != 0) {

@@ -91,6 +91,7 @@ int Open(const TreeOptions& options, std::string* error) {
   CatalogSetLineByLine(false);
   gVOPTIONS.iBuildCache = options.buildCache ? 1 : 0;
   VfsSetMapperRulesFile(options.rulesFile.c_str());
+  gVOPTIONS.iMapper = options.rct ? 1 : 0;
   if (InitVFS(ConsolidationArgs()) != 0) {
     *error = !InitVFSFailure().empty()
                  ? InitVFSFailure()

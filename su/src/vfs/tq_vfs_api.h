@@ -30,6 +30,7 @@ struct TreeOptions {
   std::string saveset;    // the saveset to consolidate (names the meta files folder)
   bool buildCache = false;  // build the whole tree while opening
   std::string rulesFile;  // mapper rules file (empty: none)
+  bool rct = false;       // Hyper-V RCT disks instead of the VMDK disks and the rules
 };
 
 struct NodeInfo {

@@ -49,7 +49,9 @@
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_enum.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "vfs/tq_vfs_vfile.h"
 #include "vfs/tq_vfs_vhd.h"
+#include "vfs/tq_vfs_vhdx.h"
 
 namespace {
 
@@ -432,12 +434,80 @@ void MapSavesetToVhd(const Rule& r, LIS_NODE* target) {
   WRITE_TRACE(1, "MAPPER mapped SAVESET2VHD: %s -> %ls", r.source.c_str(), vhdName.c_str());
 }
 
-// TODO: the VHDX merge (VHDXMERGE) needs the VHDX parser, which this build
-// does not have; a rules file that asks for it ends the process rather than
-// giving a tree without the disk it asked for.
-[[noreturn]] void TokenNotSupported(const std::string& token, int lineNo) {
-  const std::string text = Format("MAPPER token %s is not supported in this build line no %d", token.c_str(), lineNo);
-  RuleFatal(text, "ERROR: " + text + "\n", text);
+// VHDXMERGE f <catalog line>: the disk file goes to INTERMEDIATE as a LIS 'f'
+// node, then joins the VHDX merge: a name containing ".avhdx" is a tail of
+// the disk whose head came last, else one containing ".vhdx" starts a disk.
+// The merges are completed when the rules file ends.
+struct VhdxDisk {
+  std::unique_ptr<VhdxMerge> merge;
+  std::wstring baseName;  // the head's: the merged disk's name
+};
+std::vector<VhdxDisk> s_vhdxDisks;
+
+// The item's bytes as a MERGE file (one stretch of its saveset), so that the
+// parser reads it like any other VHDX file.
+VhdxSource VhdxSourceOf(const LIS_NODE* node, const std::wstring& catalogPath) {
+  auto file = std::make_unique<tq_vfs_vfile>(catalogPath, catalogPath);
+  VhdxSource src;
+  src.name = catalogPath;
+  src.iSavesetIdx = node->sLoc.ssetIdx;
+  src.ullSavesetOffset = node->sLoc.ssetOff + static_cast<uint64_t>(node->sLoc.relOff);
+  tq_vfs_slice slice;
+  slice.mTime = 1;
+  slice.iType = stSAVESET;
+  slice.miIntervalEnd = static_cast<int64_t>(node->ullSize);
+  slice.miSavesetIdx = src.iSavesetIdx;
+  slice.miSavesetOffset = src.ullSavesetOffset;
+  file->add_slice(slice);
+  src.pFile = file.get();
+  src.iMergeHandle = vfile_table_MERGE_push(std::move(file));
+  return src;
+}
+
+void MapVhdxMerge(const Rule& r, LIS_NODE* target) {
+  if (r.typeField != "f") TypeNotSupported(r);
+  LIS_ENTRY rec{};
+  const bool parsed = ParseSavesetEntry(&rec, r.work.c_str(), "f") == 0;
+  LIS_NODE* node = MapCatalogItem(r, s_intermediateNode ? s_intermediateNode : target);
+  const std::wstring path = parsed ? Wide(rec.sPath) : node->wsName;  // the catalog path as written
+  const bool tail = rec.sPath.find(".avhdx") != std::string::npos;
+  if (!tail && rec.sPath.find(".vhdx") == std::string::npos) {
+    const std::string text = Format("Unexpected file type for VHDX in map file line no %d", r.lineNo);
+    RuleFatal("ERROR: " + text, "ERROR: " + text + "\n", text);
+  }
+  const VhdxSource src = VhdxSourceOf(node, path);
+  if (!tail) {
+    VhdxImagePtr head = parse_vhdx(src);
+    if (!head) {
+      WRITE_TRACE(1, "Error parsing VHDX head %ls line no %d - disk left out", path.c_str(), r.lineNo);
+      std::fprintf(stdout, "[VHDX] Error parsing VHDX file %s\n", rec.sPath.c_str());
+      std::fflush(stdout);
+      s_vhdxDisks.push_back(VhdxDisk{});  // its tails have no head to join
+      return;
+    }
+    s_vhdxDisks.push_back(VhdxDisk{std::make_unique<VhdxMerge>(head), Wide(korvo::basename(rec.sPath.c_str()))});
+  } else if (s_vhdxDisks.empty() || !s_vhdxDisks.back().merge) {
+    WRITE_TRACE(1, "VHDX tail %ls line no %d has no head - left out", path.c_str(), r.lineNo);
+  } else {
+    s_vhdxDisks.back().merge->add_tail(src);
+  }
+}
+
+// Each disk's newest state under the head's base name in the target.
+void CompleteVhdxMerges(LIS_NODE* target) {
+  for (VhdxDisk& disk : s_vhdxDisks) {
+    if (!disk.merge) continue;
+    const VhdxImagePtr result = disk.merge->merge_all_tails();
+    const int32_t handle = disk.merge->finalize(result, disk.baseName);
+    if (handle < 0) continue;
+    LIS_NODE* node = NewFileNode(disk.baseName, nsMERGE);
+    node->iHandle = handle;
+    node->ullSize = vfile_get_MERGE(handle)->size();
+    StampNow(node);
+    AddToTree(target, node);
+    WRITE_TRACE(1, "MAPPER merged VHDX: %ls", disk.baseName.c_str());
+  }
+  s_vhdxDisks.clear();
 }
 
 // One trimmed, non-empty rule line.
@@ -461,7 +531,7 @@ void ProcessLine(const std::string& line, int lineNo, LIS_NODE** target) {
   } else if (token == "SAVESET2VHD") {
     MapSavesetToVhd(SplitRule(afterToken, lineNo), *target);
   } else if (token == "VHDXMERGE") {
-    TokenNotSupported(token, lineNo);
+    MapVhdxMerge(SplitRule(afterToken, lineNo), *target);
   } else if (token == "LIS") {
     MapLis(SplitRule(afterToken, lineNo), *target);
   } else if (token == "BITMERGE_BITMAP") {
@@ -491,6 +561,7 @@ int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   WRITE_TRACE(1, "+++ initializeMAPPER_FS");
   s_mapperNode = s_intermediateNode = s_lastMapTo = nullptr;
   bitmap_reset();
+  s_vhdxDisks.clear();
   const std::string path = s_rulesFile;
   if (path.empty()) {
     WRITE_TRACE(1, "no mapper file given");
@@ -532,8 +603,8 @@ int initializeMAPPER_FS(const CON_ARGS* /*args*/) {
   WRITE_TRACE(1, "+++bitmap_finalize");
   FinishBitmapMerge(target);
   WRITE_TRACE(1, "---bitmap_finalize");
-  // Nor VHDX merges collected, which would be completed into the target here
-  // unless the tree was initialised before.
+  if (!s_treeInitialised) CompleteVhdxMerges(target);
+  s_vhdxDisks.clear();
   WRITE_TRACE(1, "--- initializeMAPPER_FS");
   return 0;
 }

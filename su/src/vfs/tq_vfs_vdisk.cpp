@@ -2,8 +2,10 @@
 #include "vfs/tq_vfs_vdisk.h"
 
 #include "runtime/trace.h"
+#include "vfs/tq_vfs_chain.h"
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_mapper.h"
+#include "vfs/tq_vfs_rct.h"
 #include "vfs/tq_vfs_vmdk.h"
 
 int VdiskParseCatalog(const CON_ARGS* args, const char* catalogPath) {
@@ -22,8 +24,4 @@ int VdiskInitVmdkAndMapper(const CON_ARGS* args) {
   return initializeMAPPER_FS(args);
 }
 
-// TODO: RCT records and sector-bitmap merges of Hyper-V disks.
-int VdiskInitRctSources() {
-  WRITE_TRACE(1, "No RCT sources in this build");
-  return 0;
-}
+int VdiskInitRctSources() { return init_vhdx_rct(ConsolidationArgs()); }
