@@ -52,16 +52,16 @@ long MaxRssKiB() {
 }
 
 void Run(uint64_t headGiB) {
-  mkvhdx::Spec head;
+  mkvhdx::ImageDesc head;
   head.virtualSize = headGiB << 30;
   head.blockSize = 32 * kMiB;
   head.dataWriteGuid = mkvhdx::GuidFromText("{6A0D61A3-2C44-4F5B-9A6E-0E1D2C3B4A59}");
   for (uint64_t b = 0; b < head.virtualSize / head.blockSize; b += 64) head.blocks[b] = mkvhdx::Block{6, {}, {}};
-  std::vector<mkvhdx::Spec> tails(3, head);
+  std::vector<mkvhdx::ImageDesc> tails(3, head);
   std::mt19937_64 rng(headGiB);
   std::string parent = "C:/VMs/big.vhdx";
   for (size_t t = 0; t < tails.size(); ++t) {
-    mkvhdx::Spec& s = tails[t];
+    mkvhdx::ImageDesc& s = tails[t];
     s.blocks.clear();
     s.blockSize = 2 * kMiB;
     s.differencing = true;

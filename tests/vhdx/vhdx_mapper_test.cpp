@@ -25,7 +25,7 @@
 namespace {
 
 using mkvhdx::Block;
-using mkvhdx::Spec;
+using mkvhdx::ImageDesc;
 constexpr uint64_t kMiB = 1ull << 20;
 const char* const kSaveset = "SF20261101020000";
 const char* const kHeadGuid = "{6A0D61A3-2C44-4F5B-9A6E-0E1D2C3B4A59}";
@@ -47,7 +47,7 @@ class VhdxMapperTest : public ::testing::Test {
     head_.dataWriteGuid = mkvhdx::GuidFromText(kHeadGuid);
     head_.blocks[0] = Block{6, vhdxtest::Pattern(2 * kMiB, 1), {}};
     head_.blocks[5] = Block{6, vhdxtest::Pattern(2 * kMiB, 2), {}};
-    Spec t1 = head_, t2 = head_;
+    ImageDesc t1 = head_, t2 = head_;
     t1.blocks.clear();
     t1.blockSize = static_cast<uint32_t>(kMiB);
     t1.differencing = true;
@@ -64,7 +64,7 @@ class VhdxMapperTest : public ::testing::Test {
     for (int i = 2000; i < 2100; ++i) sectors[i] = true;
     t2.blocks[0] = Block{7, vhdxtest::Pattern(32 * kMiB, 5), sectors};
     model_ = mkvhdx::RawDisk(head_);
-    for (const Spec* t : {&t1, &t2}) {
+    for (const ImageDesc* t : {&t1, &t2}) {
       const std::vector<uint8_t> raw = mkvhdx::RawDisk(*t);
       for (const auto& [index, block] : t->blocks) {
         for (uint64_t i = 0; i < t->blockSize && index * t->blockSize + i < model_.size(); ++i) {
@@ -75,10 +75,10 @@ class VhdxMapperTest : public ::testing::Test {
 
     std::string stream(40, 'x');
     std::string catalog = "Tape ID: T Tape Label: T Format: CPIO LIS: 2.0\n";
-    const std::pair<const Spec*, const char*> images[] = {
+    const std::pair<const ImageDesc*, const char*> images[] = {
         {&head_, "C:/VMs/web01/web01.vhdx"}, {&t1, "C:/VMs/web01/web01_1.avhdx"}, {&t2, "C:/VMs/web01/web01_2.avhdx"}};
-    for (const auto& [spec, path] : images) {
-      const std::vector<uint8_t> bytes = mkvhdx::Write(*spec).Flatten();
+    for (const auto& [desc, path] : images) {
+      const std::vector<uint8_t> bytes = mkvhdx::Write(*desc).Flatten();
       lines_.push_back(CatalogLine(path, stream.size(), bytes.size()));
       catalog += lines_.back() + "\n";
       stream.append(bytes.begin(), bytes.end());
@@ -120,7 +120,7 @@ class VhdxMapperTest : public ::testing::Test {
   tvutest::TempDir tmp_, meta_;
   const std::string catalog_ = tmp_ / "consolidated.lsl";
   const std::string rules_ = tmp_ / "rules.map";
-  Spec head_;
+  ImageDesc head_;
   std::vector<uint8_t> model_;
   std::vector<std::string> lines_;
 };

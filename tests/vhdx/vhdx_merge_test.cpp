@@ -12,13 +12,13 @@
 namespace {
 
 using mkvhdx::Block;
-using mkvhdx::Spec;
+using mkvhdx::ImageDesc;
 constexpr uint64_t kMiB = 1ull << 20;
 
 const char* const kHeadGuid = "{6A0D61A3-2C44-4F5B-9A6E-0E1D2C3B4A59}";
 
-Spec Head(uint64_t size, uint32_t blockSize, uint32_t sector) {
-  Spec s;
+ImageDesc Head(uint64_t size, uint32_t blockSize, uint32_t sector) {
+  ImageDesc s;
   s.virtualSize = size;
   s.blockSize = blockSize;
   s.logicalSector = sector;
@@ -26,8 +26,8 @@ Spec Head(uint64_t size, uint32_t blockSize, uint32_t sector) {
   return s;
 }
 
-Spec Tail(const Spec& head, uint32_t blockSize, const std::string& parentPath, uint8_t n) {
-  Spec s = head;
+ImageDesc Tail(const ImageDesc& head, uint32_t blockSize, const std::string& parentPath, uint8_t n) {
+  ImageDesc s = head;
   s.blocks.clear();
   s.blockSize = blockSize;
   s.differencing = true;
@@ -38,7 +38,7 @@ Spec Tail(const Spec& head, uint32_t blockSize, const std::string& parentPath, u
 }
 
 // The disk after a tail: its full blocks and its set sectors over the rest.
-void Apply(const Spec& tail, std::vector<uint8_t>* disk) {
+void Apply(const ImageDesc& tail, std::vector<uint8_t>* disk) {
   for (const auto& [index, block] : tail.blocks) {
     if (block.state != 6 && block.state != 7) continue;
     const uint64_t start = index * tail.blockSize;
@@ -49,7 +49,7 @@ void Apply(const Spec& tail, std::vector<uint8_t>* disk) {
   }
 }
 
-void RandomBlocks(Spec* s, std::mt19937* rng, bool tail) {
+void RandomBlocks(ImageDesc* s, std::mt19937* rng, bool tail) {
   const uint64_t count = (s->virtualSize + s->blockSize - 1) / s->blockSize;
   const uint32_t sectors = s->blockSize / s->logicalSector;
   for (uint64_t b = 0; b < count; ++b) {
@@ -70,12 +70,12 @@ void RandomBlocks(Spec* s, std::mt19937* rng, bool tail) {
 }
 
 // Head plus tails in one merge; the merged virtual disk.
-std::vector<uint8_t> MergeChain(const Spec& head, const std::vector<std::pair<Spec, std::wstring>>& tails,
+std::vector<uint8_t> MergeChain(const ImageDesc& head, const std::vector<std::pair<ImageDesc, std::wstring>>& tails,
                                 VhdxImagePtr* result = nullptr) {
   VhdxImagePtr h = parse_vhdx(vhdxtest::Register(mkvhdx::Write(head), L"C:/VMs/disk.vhdx"));
   EXPECT_TRUE(h);
   VhdxMerge merge(h);
-  for (const auto& [spec, name] : tails) merge.add_tail(vhdxtest::Register(mkvhdx::Write(spec), name));
+  for (const auto& [desc, name] : tails) merge.add_tail(vhdxtest::Register(mkvhdx::Write(desc), name));
   VhdxImagePtr final = merge.merge_all_tails();
   EXPECT_TRUE(final);
   if (result) *result = final;
@@ -102,14 +102,14 @@ TEST(VhdxMerge, RandomChainsEqualTheModel) {
     std::mt19937 rng(seed);
     const uint32_t sector = seed % 3 == 0 ? 4096 : 512;
     const uint64_t size = 40 * kMiB + (rng() % 8) * sector;
-    Spec head = Head(size, blockSizes[rng() % 3] * static_cast<uint32_t>(kMiB), sector);
+    ImageDesc head = Head(size, blockSizes[rng() % 3] * static_cast<uint32_t>(kMiB), sector);
     RandomBlocks(&head, &rng, false);
     std::vector<uint8_t> model = mkvhdx::RawDisk(head);
-    std::vector<std::pair<Spec, std::wstring>> tails;
+    std::vector<std::pair<ImageDesc, std::wstring>> tails;
     std::string parent = "C:/VMs/disk.vhdx";
     const int n = 1 + static_cast<int>(rng() % 3);
     for (int t = 0; t < n; ++t) {
-      Spec tail = Tail(head, blockSizes[rng() % 3] * static_cast<uint32_t>(kMiB), parent, static_cast<uint8_t>(t + 1));
+      ImageDesc tail = Tail(head, blockSizes[rng() % 3] * static_cast<uint32_t>(kMiB), parent, static_cast<uint8_t>(t + 1));
       RandomBlocks(&tail, &rng, true);
       Apply(tail, &model);
       parent = "C:/VMs/disk_" + std::to_string(t + 1) + ".avhdx";
@@ -126,9 +126,9 @@ TEST(VhdxMerge, RandomChainsEqualTheModel) {
 // sectors the tail does not supply read as zeros.
 TEST(VhdxMerge, BlockSizesInBothDirections) {
   for (const auto& [headBlock, tailBlock] : {std::pair<uint32_t, uint32_t>{32, 2}, {2, 32}, {1, 2}}) {
-    Spec head = Head(64 * kMiB, headBlock * static_cast<uint32_t>(kMiB), 512);
+    ImageDesc head = Head(64 * kMiB, headBlock * static_cast<uint32_t>(kMiB), 512);
     head.blocks[0] = Block{6, vhdxtest::Pattern(head.blockSize, 7), {}};
-    Spec tail = Tail(head, tailBlock * static_cast<uint32_t>(kMiB), "C:/VMs/disk.vhdx", 1);
+    ImageDesc tail = Tail(head, tailBlock * static_cast<uint32_t>(kMiB), "C:/VMs/disk.vhdx", 1);
     const uint64_t at = 36 * kMiB + 3 * 512;  // not held by the head
     std::vector<bool> sectors(tail.blockSize / 512, false);
     for (uint64_t s = (at % tail.blockSize) / 512; s < sectors.size(); ++s) sectors[s] = true;
@@ -148,16 +148,16 @@ TEST(VhdxMerge, BlockSizesInBothDirections) {
 // not parse.  Merged: head <- (t1 <- t2), then <- t1b.
 TEST(VhdxMerge, TreeOfTails) {
   std::mt19937 rng(99);
-  Spec head = Head(16 * kMiB, 2 * kMiB, 512);
+  ImageDesc head = Head(16 * kMiB, 2 * kMiB, 512);
   RandomBlocks(&head, &rng, false);
-  Spec t1 = Tail(head, 2 * kMiB, "C:/VMs/disk.vhdx", 1);
-  Spec t1b = Tail(head, kMiB, "C:/VMs/disk.vhdx", 2);
-  Spec t2 = Tail(head, 2 * kMiB, "c:\\vms\\DISK_1.avhdx", 3);
-  Spec stray = Tail(head, 2 * kMiB, "C:/VMs/disk_1.avhdx", 4);
+  ImageDesc t1 = Tail(head, 2 * kMiB, "C:/VMs/disk.vhdx", 1);
+  ImageDesc t1b = Tail(head, kMiB, "C:/VMs/disk.vhdx", 2);
+  ImageDesc t2 = Tail(head, 2 * kMiB, "c:\\vms\\DISK_1.avhdx", 3);
+  ImageDesc stray = Tail(head, 2 * kMiB, "C:/VMs/disk_1.avhdx", 4);
   stray.parentLinkage = mkvhdx::GuidText(t1.dataWriteGuid);
-  Spec broken = Tail(head, 2 * kMiB, "C:/VMs/disk.vhdx", 5);
+  ImageDesc broken = Tail(head, 2 * kMiB, "C:/VMs/disk.vhdx", 5);
   broken.damage.region2Crc = true;
-  for (Spec* s : {&t1, &t1b, &t2, &stray, &broken}) RandomBlocks(s, &rng, true);
+  for (ImageDesc* s : {&t1, &t1b, &t2, &stray, &broken}) RandomBlocks(s, &rng, true);
   std::vector<uint8_t> model = mkvhdx::RawDisk(head);
   Apply(t1, &model);
   Apply(t2, &model);
@@ -169,9 +169,9 @@ TEST(VhdxMerge, TreeOfTails) {
 }
 
 TEST(VhdxMergeDeath, ReservedHeadStateUnderATailEndsTheProcess) {
-  Spec head = Head(8 * kMiB, 2 * kMiB, 512);
+  ImageDesc head = Head(8 * kMiB, 2 * kMiB, 512);
   head.blocks[1] = Block{5, {}, {}};
-  Spec tail = Tail(head, 2 * kMiB, "C:/VMs/disk.vhdx", 1);
+  ImageDesc tail = Tail(head, 2 * kMiB, "C:/VMs/disk.vhdx", 1);
   tail.blocks[3] = Block{6, vhdxtest::Pattern(2 * kMiB, 1), {}};
   // Not touched by the tail: never looked at.
   std::vector<uint8_t> model = mkvhdx::RawDisk(head);
@@ -185,10 +185,10 @@ TEST(VhdxMergeDeath, ReservedHeadStateUnderATailEndsTheProcess) {
 TEST(VhdxMerge, ResultIsAVhdxForQemuImg) {
   if (tvutest::Shell("command -v qemu-img >/dev/null 2>&1") != 0) GTEST_SKIP() << "qemu-img not installed";
   std::mt19937 rng(5);
-  Spec head = Head(24 * kMiB, 2 * kMiB, 512);
+  ImageDesc head = Head(24 * kMiB, 2 * kMiB, 512);
   RandomBlocks(&head, &rng, false);
-  Spec t1 = Tail(head, 32 * kMiB, "C:/VMs/disk.vhdx", 1);
-  Spec t2 = Tail(head, kMiB, "C:/VMs/disk_1.avhdx", 2);
+  ImageDesc t1 = Tail(head, 32 * kMiB, "C:/VMs/disk.vhdx", 1);
+  ImageDesc t2 = Tail(head, kMiB, "C:/VMs/disk_1.avhdx", 2);
   RandomBlocks(&t1, &rng, true);
   RandomBlocks(&t2, &rng, true);
   std::vector<uint8_t> model = mkvhdx::RawDisk(head);

@@ -12,14 +12,14 @@
 namespace {
 
 using mkvhdx::Block;
-using mkvhdx::Spec;
+using mkvhdx::ImageDesc;
 constexpr uint64_t kMiB = 1ull << 20;
 
-VhdxImagePtr Parse(const Spec& s, const std::wstring& name = L"disk.vhdx") {
+VhdxImagePtr Parse(const ImageDesc& s, const std::wstring& name = L"disk.vhdx") {
   return parse_vhdx(vhdxtest::Register(mkvhdx::Write(s), name));
 }
 
-Spec Differencing(Spec s) {
+ImageDesc Differencing(ImageDesc s) {
   s.differencing = true;
   s.parentLinkage = "{0A1B2C3D-4E5F-6071-8293-A4B5C6D7E8F9}";
   s.parentPath = "C:\\VMs\\web01\\web01.vhdx";
@@ -27,7 +27,7 @@ Spec Differencing(Spec s) {
 }
 
 TEST(VhdxParse, BatArithmeticOfA3GiBDisk) {
-  Spec s;
+  ImageDesc s;
   s.virtualSize = 3ull << 30;
   s.blockSize = 32 * kMiB;
   VhdxImagePtr plain = Parse(s);
@@ -43,7 +43,7 @@ TEST(VhdxParse, BatArithmeticOfA3GiBDisk) {
 }
 
 TEST(VhdxParse, IdentityGeometryAndParentLocator) {
-  Spec s = Differencing(Spec{});
+  ImageDesc s = Differencing(ImageDesc{});
   s.dataWriteGuid = mkvhdx::GuidFromText("{00112233-4455-6677-8899-AABBCCDDEEFF}");
   s.virtualDiskId = mkvhdx::GuidFromText("{DEADBEEF-0001-0002-0304-050607080910}");
   s.logicalSector = 4096;
@@ -78,7 +78,7 @@ TEST(VhdxParse, IdentityGeometryAndParentLocator) {
 }
 
 TEST(VhdxParse, HeaderAndRegionTableChoice) {
-  Spec s;
+  ImageDesc s;
   // Header 2 newer, region table 1 damaged: table 2 is used.
   s.damage.region1Crc = true;
   EXPECT_TRUE(Parse(s));
@@ -105,7 +105,7 @@ TEST(VhdxParse, HeaderAndRegionTableChoice) {
 }
 
 TEST(VhdxParse, RegionChecks) {
-  Spec s;
+  ImageDesc s;
   s.damage.regionCount = 2048;
   EXPECT_FALSE(Parse(s));
   s.damage.regionCount = 2047;  // the entries past the two real ones are zero and ignored
@@ -116,7 +116,7 @@ TEST(VhdxParse, RegionChecks) {
 }
 
 TEST(VhdxParseDeath, NoValidHeaderOrActiveLogEndTheProcess) {
-  Spec s;
+  ImageDesc s;
   s.damage.header1Crc = s.damage.header2Crc = true;
   EXPECT_EXIT(Parse(s), ::testing::ExitedWithCode(1), "");
   s.damage = {};
@@ -125,7 +125,7 @@ TEST(VhdxParseDeath, NoValidHeaderOrActiveLogEndTheProcess) {
 }
 
 TEST(VhdxParse, BatWalkOfEveryState) {
-  Spec s = Differencing(Spec{});
+  ImageDesc s = Differencing(ImageDesc{});
   s.virtualSize = 20 * kMiB;
   s.blockSize = 2 * kMiB;  // 10 blocks, one chunk
   const std::vector<uint8_t> data = vhdxtest::Pattern(2 * kMiB, 1);
@@ -159,7 +159,7 @@ TEST(VhdxParse, BatWalkOfEveryState) {
 }
 
 TEST(VhdxParse, SectorBitmapBlockOfADifferencingDisk) {
-  Spec s = Differencing(Spec{});
+  ImageDesc s = Differencing(ImageDesc{});
   s.logicalSector = 4096;
   s.blockSize = kMiB;
   std::vector<bool> bits(8, false);
@@ -204,7 +204,7 @@ TEST(VhdxWriter, ForeignReadersReadEveryPlainForm) {
   const struct { uint32_t sector, block; } forms[] = {{512, 1}, {512, 32}, {4096, 2}, {4096, 32}};
   uint32_t seed = 10;
   for (const auto& form : forms) {
-    Spec s;
+    ImageDesc s;
     s.logicalSector = form.sector;
     s.blockSize = form.block * static_cast<uint32_t>(kMiB);
     s.virtualSize = 3 * s.blockSize + 3 * kMiB / 2;  // a partial last block
@@ -225,12 +225,12 @@ TEST(VhdxWriter, ForeignReadersReadEveryPlainForm) {
 TEST(VhdxWriter, LibvhdiReadsADifferencingChain) {
   if (!HavePyvhdi()) GTEST_SKIP() << "libvhdi's Python binding not installed";
   tvutest::TempDir dir;
-  Spec head;
+  ImageDesc head;
   head.virtualSize = 8 * kMiB;
   head.dataWriteGuid = mkvhdx::GuidFromText("{11111111-0000-0000-0000-000000000001}");
   head.blocks[0] = Block{6, vhdxtest::Pattern(2 * kMiB, 1), {}};
   head.blocks[1] = Block{6, vhdxtest::Pattern(2 * kMiB, 2), {}};
-  Spec tail = head;
+  ImageDesc tail = head;
   tail.blocks.clear();
   tail.differencing = true;
   tail.parentLinkage = mkvhdx::GuidText(head.dataWriteGuid);

@@ -25,7 +25,7 @@
 namespace {
 
 using mkvhdx::Block;
-using mkvhdx::Spec;
+using mkvhdx::ImageDesc;
 constexpr uint64_t kMiB = 1ull << 20;
 constexpr uint64_t kChunk = 64 * 1024;
 const char* const kSaveset = "SF20261101020000";
@@ -34,7 +34,7 @@ class VhdxRctTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Reset();
-    Spec v[3];
+    ImageDesc v[3];
     v[0].virtualSize = 24 * kMiB;
     v[0].blocks[0] = Block{6, vhdxtest::Pattern(2 * kMiB, 1), {}};
     v[0].blocks[4] = Block{6, vhdxtest::Pattern(2 * kMiB, 2), {}};

@@ -54,7 +54,7 @@ HvDisk::HvDisk(uint64_t size, uint64_t seed) : rng_(seed ^ 0x48564449534Bull) {
 }
 
 std::vector<std::string> HvDisk::Add(ChainModel* model, time_t t, const std::string& path,
-                                     const mkvhdx::Spec& spec) {
+                                     const mkvhdx::ImageDesc& desc) {
   for (const char* folder : {kStore, kFolder}) {
     Node& n = model->Item(folder);
     if (!n.dir) {
@@ -62,7 +62,7 @@ std::vector<std::string> HvDisk::Add(ChainModel* model, time_t t, const std::str
       n.mtime = n.ctime = t - 90 * kDay;
     }
   }
-  images_[path] = mkvhdx::Write(spec);
+  images_[path] = mkvhdx::Write(desc);
   Node& n = model->Item(path);
   n.size = images_[path].size;
   ++n.version;
@@ -71,12 +71,12 @@ std::vector<std::string> HvDisk::Add(ChainModel* model, time_t t, const std::str
   folder.mtime = folder.ctime = n.ctime;
   paths_.push_back(path);
   // The disk's state: the file's data over what was there.
-  const uint64_t bs = spec.blockSize;
-  for (const auto& [index, block] : spec.blocks) {
+  const uint64_t bs = desc.blockSize;
+  for (const auto& [index, block] : desc.blocks) {
     if (block.state != 6 && block.state != 7) continue;
     for (uint64_t at = 0; at < bs; at += kTailBlock) {
       const uint64_t disk = index * bs + at;
-      if (disk >= spec.virtualSize) break;
+      if (disk >= desc.virtualSize) break;
       std::vector<uint8_t>& piece = state_[disk];
       if (piece.empty()) piece.assign(kTailBlock, 0);
       for (uint64_t i = 0; i < kTailBlock; ++i) {
@@ -99,7 +99,7 @@ std::vector<std::string> HvDisk::Full(ChainModel* model, time_t t) {
 
 std::vector<std::string> HvDisk::Incremental(ChainModel* model, time_t t) {
   const int n = static_cast<int>(paths_.size());
-  mkvhdx::Spec tail = head_;
+  mkvhdx::ImageDesc tail = head_;
   tail.blocks.clear();
   tail.blockSize = kTailBlock;
   tail.differencing = true;

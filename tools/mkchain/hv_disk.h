@@ -45,9 +45,9 @@ class HvDisk {
   static bool WriteRules(const std::string& rulesFile, const std::string& catalogFile, std::string* error);
 
  private:
-  std::vector<std::string> Add(ChainModel* model, time_t t, const std::string& path, const mkvhdx::Spec& spec);
+  std::vector<std::string> Add(ChainModel* model, time_t t, const std::string& path, const mkvhdx::ImageDesc& desc);
 
-  mkvhdx::Spec head_;
+  mkvhdx::ImageDesc head_;
   std::vector<std::string> paths_;                 // head, then the tails
   std::map<std::string, mkvhdx::Image> images_;    // by path
   std::map<uint64_t, std::vector<uint8_t>> state_;  // disk offset -> bytes written there (2 MiB pieces)

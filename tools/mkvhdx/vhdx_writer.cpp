@@ -65,7 +65,7 @@ std::vector<uint8_t> Utf16(const std::string& s) {
 
 uint64_t RoundUp(uint64_t v, uint64_t to) { return (v + to - 1) / to * to; }
 
-std::vector<uint8_t> Header(const Spec& s, uint64_t seq, bool badCrc) {
+std::vector<uint8_t> Header(const ImageDesc& s, uint64_t seq, bool badCrc) {
   std::vector<uint8_t> h(kKiB64, 0);
   std::memcpy(h.data(), "head", 4);
   Put64(&h, 8, seq);
@@ -99,9 +99,9 @@ std::string GuidText(const Guid& g) {
   return "{" + t + "}";
 }
 
-uint64_t ChunkRatio(const Spec& s) { return (8388608ull * s.logicalSector) / s.blockSize; }
+uint64_t ChunkRatio(const ImageDesc& s) { return (8388608ull * s.logicalSector) / s.blockSize; }
 
-Image Write(const Spec& s) {
+Image Write(const ImageDesc& s) {
   Image img;
   const uint64_t bs = s.blockSize;
   const uint64_t ratio = ChunkRatio(s);
@@ -268,7 +268,7 @@ bool WriteFile(const Image& image, const std::string& path) {
   return ::close(fd) == 0 && ok;
 }
 
-std::vector<uint8_t> RawDisk(const Spec& s) {
+std::vector<uint8_t> RawDisk(const ImageDesc& s) {
   std::vector<uint8_t> raw(s.virtualSize, 0);
   for (const auto& [index, block] : s.blocks) {
     if (block.state != 6 && block.state != 7) continue;

@@ -44,7 +44,7 @@ struct Damage {
   uint64_t batOffset = 0;            // when non-zero: the BAT region's file offset
 };
 
-struct Spec {
+struct ImageDesc {
   uint64_t virtualSize = 8ull << 20;
   uint32_t blockSize = 2u << 20;
   uint32_t logicalSector = 512;
@@ -68,12 +68,12 @@ struct Image {
   std::vector<uint8_t> Flatten() const;             // the whole file (small images only)
 };
 
-uint64_t ChunkRatio(const Spec& s);
-Image Write(const Spec& s);
+uint64_t ChunkRatio(const ImageDesc& s);
+Image Write(const ImageDesc& s);
 // Writes the image to a local file (sparse); false on an I/O error.
 bool WriteFile(const Image& image, const std::string& path);
 // The virtual disk as a reader must see it, without a parent (small disks only).
-std::vector<uint8_t> RawDisk(const Spec& s);
+std::vector<uint8_t> RawDisk(const ImageDesc& s);
 
 }  // namespace mkvhdx
 
