@@ -161,6 +161,13 @@ void ParseMetadata(tq_vfs_vfile* f, uint64_t offset, VhdxImage* img) {
     const uint8_t* e = &meta[32 + 32 * i];
     const VhdxGuid id = vhdx_guid_from_disk(e);
     const uint32_t itemOff = Get32(e + 16), itemLen = Get32(e + 20);
+    // An item lies inside the file and is at most 1 MiB long; one that does
+    // not is passed over rather than read as a huge run of zeros.
+    if (itemLen > k1M || offset + itemOff + itemLen > (f ? f->size() : 0)) {
+      WRITE_TRACE(1, "Metadata item %u at %llu (%lu bytes) lies outside the file or is too long - skipped", i,
+                  static_cast<ull>(offset + itemOff), static_cast<ul>(itemLen));
+      continue;
+    }
     const std::vector<uint8_t> item = ReadAt(f, offset + itemOff, std::max<uint32_t>(itemLen, 16));
     const uint8_t* p = item.data();
     if (id == vhdx_guid_from_text(kFileParameters)) {
@@ -236,7 +243,10 @@ void AddBitmapSectors(const std::vector<uint8_t>& bitmap, uint64_t firstByte, ui
   });
 }
 
-void WalkBat(tq_vfs_vfile* f, VhdxImage* img) {
+// false when the BAT region cannot hold the entries the disk needs: such an
+// image is refused rather than walked (its size would make the walk's
+// tables as large as the disk claims to be).
+bool WalkBat(tq_vfs_vfile* f, VhdxImage* img) {
   const uint64_t bs = img->block_size;
   const uint64_t ratio = (8388608ull * img->logical_sector_size) / bs;
   const uint64_t dataBlocks = (img->virtual_disk_size + bs - 1) / bs;
@@ -252,7 +262,12 @@ void WalkBat(tq_vfs_vfile* f, VhdxImage* img) {
   WRITE_TRACE(1, "DATA_BLOCKS_COUNT: %lu", static_cast<ul>(dataBlocks));
   WRITE_TRACE(1, "SECTOR_BLOCKS_COUNT: %lu", static_cast<ul>(sbBlocks));
 
-  // The BAT is read whole; entries past its region read as 0 (not present).
+  if (total > img->bat_length / 8) {
+    WRITE_TRACE(1, "BAT region of %lu bytes holds fewer than the %llu entries the disk needs - image refused",
+                static_cast<ul>(img->bat_length), static_cast<ull>(total));
+    return false;
+  }
+  // The BAT is read whole.
   const std::vector<uint8_t> raw = ReadAt(f, img->bat_offset, img->bat_length);
   img->bat.assign(std::max<uint64_t>(total, raw.size() / 8), 0);
   for (size_t i = 0; i < raw.size() / 8; ++i) img->bat[i] = Get64(&raw[8 * i]);
@@ -328,6 +343,7 @@ void WalkBat(tq_vfs_vfile* f, VhdxImage* img) {
       break;
     }
   }
+  return true;
 }
 
 }  // namespace
@@ -440,6 +456,15 @@ VhdxImagePtr parse_vhdx(const VhdxSource& source) {
     return nullptr;
   }
 
+  // The regions lie inside the file: a BAT said to reach past its end would
+  // be read as a huge run of zeros.
+  const uint64_t fileSize = f ? f->size() : 0;
+  if (batFound && batOffset + batLength > fileSize) {
+    WRITE_TRACE(1, "---parse_vhdx - BAT region [%llu, +%lu) beyond the end of the file (%llu)",
+                static_cast<ull>(batOffset), static_cast<ul>(batLength), static_cast<ull>(fileSize));
+    return nullptr;
+  }
+
   auto img = std::make_shared<VhdxImage>();
   img->source = source;
   img->guid = guid;
@@ -455,7 +480,10 @@ VhdxImagePtr parse_vhdx(const VhdxSource& source) {
   // A zero block or sector size would divide by zero in the BAT arithmetic.
   if (batFound && img->block_size != 0 && img->logical_sector_size != 0 &&
       (8388608ull * img->logical_sector_size) / img->block_size != 0) {
-    WalkBat(f, img.get());
+    if (!WalkBat(f, img.get())) {
+      WRITE_TRACE(1, "---parse_vhdx");
+      return nullptr;
+    }
   } else {
     WRITE_TRACE(1, "parse_vhdx - no BAT or no block geometry");
   }
