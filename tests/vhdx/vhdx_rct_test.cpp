@@ -87,22 +87,9 @@ class VhdxRctTest : public ::testing::Test {
 
     std::string catalog = "Tape ID: T Tape Label: T Format: CPIO LIS: 2.0\n";
     for (const std::string& l : lines) catalog += l + "\n";
-    tvutest::WriteFile(tmp_ / (std::string(kSaveset) + ".cpio"), stream_);
-    SAVESET s;
-    memset(&s, 0, sizeof s);
-    s.uiMediaType = smFILE;
-    s.szName = strdup((tmp_ / (std::string(kSaveset) + ".cpio")).c_str());
-    s.iDedupHandle = -1;
-    const int32_t idx = saveset_append(s);
-    ASSERT_EQ(0, saveset_init(idx));
-    ASSERT_EQ(0, saveset_open(idx));
-    tvutest::WriteFile(catalog_, catalog);
-    CatalogSetPath(catalog_.c_str());
-    ASSERT_EQ(0, DetectCatalogType());
-    CatalogSetSavesetType(sdtCPIO);
-    CatalogSetLineByLine(false);
-    ASSERT_EQ(0, LISCacheInit());
-    tvu_set_meta_dir((meta_.path() + "/").c_str());
+    vhdxtest::OpenOneSavesetTree(tmp_ / (std::string(kSaveset) + ".cpio"), stream_, catalog_, catalog,
+                                 meta_.path() + "/");
+    if (HasFatalFailure()) return;
   }
   void TearDown() override { Reset(); }
   static void Reset() {

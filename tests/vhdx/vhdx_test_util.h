@@ -10,7 +10,15 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "mkvhdx/vhdx_writer.h"
+#include "report/tvu_report.h"
+#include "support/test_util.h"
+#include "vfs/tq_vfs_cache.h"
+#include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_common.h"
+#include "vfs/tq_vfs_saveset.h"
 #include "vfs/tq_vfs_vfile.h"
 #include "vfs/tq_vfs_vhdx.h"
 
@@ -39,6 +47,29 @@ inline VhdxSource Register(const mkvhdx::Image& image, const std::wstring& name)
   src.name = name;
   src.iMergeHandle = vfile_table_MERGE_push(std::move(f));
   return src;
+}
+
+// One CPIO saveset file holding `stream`, its consolidated catalog, and the
+// tree cache over them, as tree mode has them after InitVFS.
+inline void OpenOneSavesetTree(const std::string& savesetPath, const std::string& stream,
+                               const std::string& catalogPath, const std::string& catalog,
+                               const std::string& metaDir) {
+  tvutest::WriteFile(savesetPath, stream);
+  SAVESET s;
+  memset(&s, 0, sizeof s);
+  s.uiMediaType = smFILE;
+  s.szName = strdup(savesetPath.c_str());
+  s.iDedupHandle = -1;
+  const int32_t idx = saveset_append(s);
+  ASSERT_EQ(0, saveset_init(idx));
+  ASSERT_EQ(0, saveset_open(idx));
+  tvutest::WriteFile(catalogPath, catalog);
+  CatalogSetPath(catalogPath.c_str());
+  ASSERT_EQ(0, DetectCatalogType());
+  CatalogSetSavesetType(sdtCPIO);
+  CatalogSetLineByLine(false);
+  ASSERT_EQ(0, LISCacheInit());
+  tvu_set_meta_dir(metaDir.c_str());
 }
 
 inline std::vector<uint8_t> ReadAll(tq_vfs_vfile* f) {
