@@ -31,10 +31,10 @@ std::string Media(size_t items, size_t dataSize, std::vector<uint64_t>* blocks) 
   for (size_t i = 0; i < items; ++i) {
     blocks->push_back(m.size());
     std::string b(mtf::kFileSize, '\0');
+    b += name;
     uint8_t* p = reinterpret_cast<uint8_t*>(&b[0]);
     mtf::Store16(p + 84, static_cast<uint16_t>(name.size()));
     mtf::Store16(p + 86, static_cast<uint16_t>(mtf::kFileSize));
-    b += name;
     mtf::DblkHeader h;
     h.type = mtf::kFile;
     h.firstEvent = static_cast<uint16_t>(b.size());
