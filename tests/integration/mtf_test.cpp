@@ -1,8 +1,9 @@
 // MTF chains end to end: chains of MTF savesets made by mkchain mtf, whose
 // catalogs leave every item to be located in its data set, consolidated by
 // tvucon and read back as one tree (the mount: mount_test's formats), with a
-// virtual machine disk rebuilt from changed-block files kept in MTF savesets
-// and a damaged block that fails its own file and no other.
+// virtual machine disk rebuilt from changed-block files kept in MTF savesets,
+// Hyper-V images merged by mapper rules, and a damaged block that fails its
+// own file and no other.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -157,6 +158,21 @@ TEST(MtfChainTest, VirtualMachineDiskFromMtfSavesets) {
   ProcessResult r = c.Tvucon({"cat", "/VMDK/" + c.kv("vm_disk")});
   ASSERT_EQ(0, r.exitCode) << r.err;
   EXPECT_TRUE(r.out == ReadFile(c.kv("vm_final"))) << "rebuilt disk differs (" << r.out.size() << " bytes)";
+}
+
+// VHDXMERGE rules name catalog lines of MTF savesets: the mapper locates each
+// image before it merges them, and qemu-img reads the result as the disk's
+// final state.
+TEST(MtfChainTest, MapperMergesHyperVImagesFromMtfSavesets) {
+  if (Shell("command -v qemu-img >/dev/null 2>&1") != 0) GTEST_SKIP() << "qemu-img is not installed";
+  TempDir tmp;
+  const MtfChain c(tmp, {"--files", "20", "--total-bytes", "200000", "--incrementals", "2", "--hv-disk", "67108864",
+                         "--seed", "2", "--no-expected"});
+  ASSERT_FALSE(c.kv("hv_rules").empty());
+  ProcessResult r = c.Tvucon({"cat", "--rules", c.kv("hv_rules"), "/MAPPER/hv/web02.vhdx"});
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  tvutest::WriteFile(tmp / "merged.vhdx", r.out);
+  EXPECT_EQ(0, Shell("qemu-img compare -q -f vhdx -F raw '" + tmp.path() + "/merged.vhdx' '" + c.kv("hv_final") + "'"));
 }
 
 }  // namespace
