@@ -255,7 +255,7 @@ TEST_P(MountFormat, EveryFileMatchesTheFinalState) {
   EXPECT_EQ(0, tvutest::Shell("diff -r '" + m.finalDir() + "' '" + m.mnt() + "'"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Formats, MountFormat, ::testing::Values("odc", "ext"));
+INSTANTIATE_TEST_SUITE_P(Formats, MountFormat, ::testing::Values("odc", "ext", "mtf"));
 
 // Reads a whole file through the kernel: its bytes, or the errno of the
 // first failed call.

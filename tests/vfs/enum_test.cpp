@@ -1,6 +1,7 @@
 // Tests of directory enumeration (GetSavesetEntries) and the complete build
 // (BuildCompleteTree) over a small LSLv2 consolidated catalog.  Its files are
-// located already (relative offset 1 or more), so no saveset is read.
+// located already (relative offset 1 or more), so no saveset is read, except
+// where a test says so.
 #include "vfs/tq_vfs_enum.h"
 
 #include <gtest/gtest.h>
@@ -158,9 +159,17 @@ TEST_F(EnumTest, EnumerationStopsOnceTerminationBegan) {
 }
 
 TEST_F(EnumTest, UnlocatedFileIsReportedWhenItsStreamCannotBeRead) {
-  // The MTF reader is not in this build: the entry keeps what the catalog said.
+  // The saveset holds no MTF FILE block at the item's offset: the entry keeps
+  // what the catalog said.
   tvutest::WriteFile(catalog, Line("m", 'd', 0, -1, 0, 0) + Line("m/p.txt", 'f', 100, 0, 77, 0) +
                                   Line("m/q.txt", 'f', 200, 5, 8, 0));
+  std::string text;
+  while (text.size() < 400) text += "no MTF blocks here. ";
+  tvutest::WriteFile(tmp / "SF20261101020000.mtf", text);
+  free(g_psSavesets[0].szName);
+  g_psSavesets[0].szName = strdup((tmp / "SF20261101020000.mtf").c_str());
+  ASSERT_EQ(0, saveset_init(0));
+  ASSERT_EQ(0, saveset_open(0));
   CatalogSetSavesetType(sdtMTF);
   std::vector<LIS_NODE*> m;
   const std::string trc = Traced([&] { m = List("\\m"); });
@@ -168,8 +177,10 @@ TEST_F(EnumTest, UnlocatedFileIsReportedWhenItsStreamCannotBeRead) {
   EXPECT_EQ(0, m[0]->sLoc.relOff);
   EXPECT_EQ(77u, m[0]->ullSize);
   for (const char* line : {"Update entries from saveset (number of elements = 1)", "Progress = 100% (1/1)",
-                           "Unable to locate m/p.txt in saveset", "Update entries from saveset - done"})
+                           "Unable to locate m/p.txt in saveset", "Update entries from saveset - done",
+                           "no descriptor block at offset 100"})
     EXPECT_NE(std::string::npos, trc.find(line)) << line;
+  saveset_close(0);
 }
 
 TEST_F(EnumTest, CompleteBuildNumbersFilesAndKeepsNodesListedBefore) {

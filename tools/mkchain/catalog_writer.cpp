@@ -32,14 +32,21 @@ std::string CatalogTime(time_t t) {
 }
 
 std::string CatalogLine(CatalogKind kind, bool consolidated, const std::string& path,
-                        const Node& node, const std::string& savesetName) {
+                        const Node& node, const std::string& savesetName, bool mtf) {
   const Placement& p = node.newest;
   std::string line = "\"" + path + "\" " + (node.dir ? "d " : node.raw ? "R " : "f ");
   line += node.ctimeUnknown ? "0000-00-00 00:00:00" : CatalogTime(node.ctime);
   line += " " + CatalogTime(node.mtime);
 
   auto num = [&line](uint64_t v) { line += " " + std::to_string(v); };
-  if (IsVersion2(kind)) {
+  if (mtf) {
+    num(p.start);
+    num(0);
+    num(p.span);
+    num(0);
+    num(0);
+    num(0);
+  } else if (IsVersion2(kind)) {
     num(p.start);
     // In the consolidated catalog every third file is left "not located"
     // (relative offset 0): a reader of the tree finds its data in the stream.
@@ -69,7 +76,7 @@ bool CatalogWriter::Open(const std::string& file, CatalogKind kind, bool consoli
   dataBytes_ = lastFile_ = lastDir_ = dirs_ = files_ = 0;
   if (!out_.Open(file, error)) return false;
   std::string header = "Tape ID: " + tapeName + " Tape Label: " + tapeName +
-                       " Format: CPIO LIS: " + (IsVersion2(kind) ? "2.0" : "1.0") + "\n";
+                       " Format: " + (mtf_ ? "MTF" : "CPIO") + " LIS: " + (IsVersion2(kind) ? "2.0" : "1.0") + "\n";
   out_.Write(header.data(), header.size());
   return true;
 }
@@ -81,7 +88,7 @@ void CatalogWriter::Comment(const std::string& text) {
 
 void CatalogWriter::Add(const std::string& path, const Node& node,
                         const std::string& savesetName, uint64_t streamPos) {
-  std::string line = CatalogLine(kind_, consolidated_, path, node, savesetName) + "\n";
+  std::string line = CatalogLine(kind_, consolidated_, path, node, savesetName, mtf_) + "\n";
   out_.Write(line.data(), line.size());
   if (node.raw) return;  // no record in the stream: the footer counts records
   if (node.dir) {

@@ -24,6 +24,10 @@
 // The consolidated catalog lists every item of the final state once, and R
 // is the item's newest record in the saveset the line names.
 //
+// Catalogs of MTF savesets (version-2 LSL only) give R's descriptor block,
+// 0 ("not located": the tree reader finds the data stream), R's span (the
+// block to the next block) and three zeros.
+//
 // A full-disk line has no record of its own (the disk's data is in its
 // changed-block files, see vm_disk.h): its numbers describe a record that
 // starts at 0 and spans the disk, and the footer does not count it.
@@ -51,7 +55,7 @@ std::string CatalogTime(time_t t);
 
 // One item line, without its line end; the placement is node.newest.
 std::string CatalogLine(CatalogKind kind, bool consolidated, const std::string& path,
-                        const Node& node, const std::string& savesetName);
+                        const Node& node, const std::string& savesetName, bool mtf = false);
 
 class CatalogWriter {
  public:
@@ -59,6 +63,8 @@ class CatalogWriter {
   // consolidated selects the version-1 number layout of consolidated catalogs.
   bool Open(const std::string& file, CatalogKind kind, bool consolidated,
             const std::string& tapeName, std::string* error);
+  // Lines and header of an MTF saveset's catalog; call before Open.
+  void SetMtf(bool mtf) { mtf_ = mtf; }
   // A comment line ("# " and text); readers skip it.
   void Comment(const std::string& text);
   // One item line.  streamPos is where the item's record lies in the stream
@@ -73,6 +79,7 @@ class CatalogWriter {
   OutFile out_;
   CatalogKind kind_ = CatalogKind::kLslV2;
   bool consolidated_ = false;
+  bool mtf_ = false;
   uint64_t dataBytes_ = 0, lastFile_ = 0, lastDir_ = 0, dirs_ = 0, files_ = 0;
 };
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "mtf_writer.h"
 #include "vm_disk.h"
 
 namespace mkchain {
@@ -29,20 +30,29 @@ struct FileCloser {
 
 std::string Chain::ConCatalog() const { return MountDir() + "/" + con + CatalogExtension(catalog); }
 
+std::vector<std::string> ConsolidatedOrder(const Chain& chain, const ChainModel& model) {
+  std::vector<std::string> paths;
+  paths.reserve(model.nodes().size());
+  for (const auto& kv : model.nodes()) paths.push_back(kv.first);
+  if (chain.format == ChainFormat::kMtf) SortMtfOrder(model, &paths);
+  return paths;
+}
+
 bool WriteConsolidatedCatalog(const Chain& chain, const ChainModel& model,
                               uint64_t* streamBytes, uint64_t* items, std::string* error) {
   std::error_code ec;
   fs::create_directories(chain.MountDir(), ec);
   CatalogWriter catalog;
+  catalog.SetMtf(chain.format == ChainFormat::kMtf);
   const std::string file = chain.MountDir() + "/" + chain.con + CatalogExtension(chain.catalog);
   if (!catalog.Open(file, chain.catalog, true, chain.con, error)) return false;
   catalog.Comment("consolidated catalog of " + chain.con + " over " +
                   std::to_string(chain.names.size()) + " savesets");
   catalog.Comment("each item points at its newest copy");
   uint64_t pos = 0, count = 0;
-  for (const auto& kv : model.nodes()) {
-    const Node& node = kv.second;
-    catalog.Add(kv.first, node, chain.names.at(node.newest.saveset), pos);
+  for (const std::string& path : ConsolidatedOrder(chain, model)) {
+    const Node& node = model.nodes().at(path);
+    catalog.Add(path, node, chain.names.at(node.newest.saveset), pos);
     if (node.raw) continue;  // no record in the stream
     pos += node.newest.span;
     ++count;
@@ -62,7 +72,7 @@ bool WriteControlFiles(const Chain& chain, uint64_t streamBytes, uint64_t items,
   const std::string args = "-f\n" + mnt + "/savesets.txt\n" +
                            "-l\ngv_rw_tqslis:" + chain.con + "_mnt/" + chain.con +
                            CatalogExtension(chain.catalog) + "\n" +
-                           "-r\n/\n-t\ncpio\n" +
+                           "-r\n/\n-t\n" + (chain.format == ChainFormat::kMtf ? "mtf" : "cpio") + "\n" +
                            (chain.vmDiskSize ? "" : "-o\nno_vmdk_search=1\n");
   if (!WriteText(mnt + "/consolidate.arg", args, error)) return false;
 
@@ -126,11 +136,12 @@ bool WriteExpectedStream(const Chain& chain, const ChainModel& model, std::strin
     }
   }
   OutFile out;
-  if (!out.Open(chain.dir + "/expected.cpio", error)) return false;
+  if (!out.Open(chain.Expected(), error)) return false;
   std::vector<char> buf(1 << 20);
-  for (const auto& kv : model.nodes()) {
-    if (kv.second.raw) continue;
-    const Placement& p = kv.second.newest;
+  for (const std::string& path : ConsolidatedOrder(chain, model)) {
+    const Node& node = model.nodes().at(path);
+    if (node.raw) continue;
+    const Placement& p = node.newest;
     std::FILE* in = savesets.at(p.saveset).get();
     if (fseeko(in, static_cast<off_t>(p.start), SEEK_SET) != 0) {
       *error = "cannot seek in " + chain.files[p.saveset] + ": " + std::strerror(errno);
@@ -139,7 +150,7 @@ bool WriteExpectedStream(const Chain& chain, const ChainModel& model, std::strin
     for (uint64_t left = p.span; left > 0;) {
       size_t n = static_cast<size_t>(std::min<uint64_t>(left, buf.size()));
       if (std::fread(buf.data(), 1, n, in) != n) {
-        *error = "short read of " + kv.first + " from " + chain.files[p.saveset];
+        *error = "short read of " + path + " from " + chain.files[p.saveset];
         return false;
       }
       out.Write(buf.data(), n);

@@ -31,7 +31,13 @@ struct Chain {
   std::string HvFinal() const { return dir + "/hv/web02.raw"; }
   std::string HvRules() const { return dir + "/hv/rules.map"; }
   std::string ConCatalog() const;
+  // The expected consolidated stream: expected.cpio, or expected.mtf.
+  std::string Expected() const { return dir + (format == ChainFormat::kMtf ? "/expected.mtf" : "/expected.cpio"); }
 };
+
+// The items of the final state in the order of the consolidated catalog:
+// path order, or MTF order (mtf_writer.h) for MTF chains.
+std::vector<std::string> ConsolidatedOrder(const Chain& chain, const ChainModel& model);
 
 // Writes tqslis/<CON>_mnt/<CON>.lsl|.lis.  *streamBytes receives the size of
 // the stream the catalog describes and *items its number of records (the
@@ -50,7 +56,7 @@ bool WriteControlFiles(const Chain& chain, uint64_t streamBytes, uint64_t items,
 // items, which the consolidated stream does not carry, are left out.
 bool WriteFinalTree(const Chain& chain, const ChainModel& model, std::string* error);
 
-// Writes expected.cpio by copying each item's newest record out of its
+// Writes Chain::Expected() by copying each item's newest record out of its
 // saveset file, in consolidated-catalog order.  No trailer is appended.
 bool WriteExpectedStream(const Chain& chain, const ChainModel& model, std::string* error);
 

@@ -2,7 +2,7 @@
 // catalogs, consolidated catalog and control files, as a backup client would
 // have left it on disk, for demonstrations and tests of the consolidation.
 //
-//   mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]
+//   mkchain --out DIR [--format newc|odc|ext|mtf] [--catalog lslv2|lsl|lisv2|lis]
 //           [--files N] [--incrementals K] [--seed S] [--total-bytes B]
 //           [--vm-disk BYTES] [--hv-disk BYTES] [--no-expected] [--no-final]
 //
@@ -12,6 +12,10 @@
 // Hyper-V disk of that virtual size, a full VHDX and one differencing tail
 // per incremental (hv_disk.h), and writes hv/web02.raw (its final state)
 // and hv/rules.map (VHDXMERGE rules that merge it into /hv/web02.vhdx).
+//
+// --format mtf (or "mkchain mtf ...") writes the savesets as MTF data sets
+// with version-2 LSL catalogs whose lines leave every item to be located in
+// its stream (mtf_writer.h), and expected.mtf in place of expected.cpio.
 //
 // The same options and seed always give the same chain (times are local, so
 // the epoch values in the headers depend on the time zone).  Output already
@@ -35,6 +39,7 @@
 #include "saveset_writer.h"
 #include "bitmap_chain.h"
 #include "hv_disk.h"
+#include "mtf_writer.h"
 #include "vm_disk.h"
 
 namespace mkchain {
@@ -54,11 +59,12 @@ struct Options {
 };
 
 const char kUsage[] =
-    "usage: mkchain --out DIR [--format newc|odc|ext] [--catalog lslv2|lsl|lisv2|lis]\n"
+    "usage: mkchain --out DIR [--format newc|odc|ext|mtf] [--catalog lslv2|lsl|lisv2|lis]\n"
     "               [--files N (1200)] [--incrementals K (4)] [--seed S (1)]\n"
     "               [--total-bytes B (25165824)] [--vm-disk BYTES (0)] [--hv-disk BYTES (0)]\n"
     "               [--no-expected] [--no-final]\n"
     "  lsl and lis are the version-1 catalogs; LIS catalogs allow no incrementals.\n"
+    "  mtf writes MTF data sets (version-2 LSL catalogs only); \"mkchain mtf ...\" is the same.\n"
     "  --vm-disk adds a virtual machine disk of that size (a multiple of 64 KiB, at least\n"
     "  1 MiB) saved with changed-block tracking; 0 makes none.\n"
     "  --hv-disk adds a Hyper-V disk of that virtual size (a multiple of 32 MiB, at least\n"
@@ -110,6 +116,7 @@ std::string ParseOptions(int argc, char** argv, Options* o) {
       if (value == "newc") o->format = ChainFormat::kNewc;
       else if (value == "odc") o->format = ChainFormat::kOdc;
       else if (value == "ext") o->format = ChainFormat::kExt;
+      else if (value == "mtf") o->format = ChainFormat::kMtf;
       else return "unknown format " + value;
     } else if (arg == "--catalog") {
       if (value == "lslv2") o->catalog = CatalogKind::kLslV2;
@@ -139,6 +146,8 @@ std::string ParseOptions(int argc, char** argv, Options* o) {
     }
   }
   if (o->out.empty()) return "--out DIR is required";
+  if (o->format == ChainFormat::kMtf && o->catalog != CatalogKind::kLslV2)
+    return "MTF chains have version-2 LSL catalogs (--catalog lslv2)";
   // LIS catalogs name no saveset, so they can only describe a lone full.
   if (!IsLsl(o->catalog)) o->incrementals = 0;
   return "";
@@ -168,7 +177,7 @@ void RemoveOldOutput(const std::string& dir) {
   std::error_code ec;
   for (const char* sub : {"savesets", "catalogs", "tqslis", "final", "ini", "vm"})
     fs::remove_all(dir + "/" + sub, ec);
-  for (const char* file : {"expected.cpio", "chain.txt", "tq.ini"}) fs::remove(dir + "/" + file, ec);
+  for (const char* file : {"expected.cpio", "expected.mtf", "chain.txt", "tq.ini"}) fs::remove(dir + "/" + file, ec);
 }
 
 int Run(const Options& o) {
@@ -220,17 +229,20 @@ int Run(const Options& o) {
       paths.swap(merged);
     }
     chain.names.push_back(name);
-    chain.files.push_back(chain.dir + "/savesets/" + name + ".cpio");
+    const bool mtf = o.format == ChainFormat::kMtf;
+    chain.files.push_back(chain.dir + "/savesets/" + name + (mtf ? ".mtf" : ".cpio"));
 
     CatalogWriter catalog;
+    catalog.SetMtf(mtf);
     const std::string catalogFile = chain.dir + "/catalogs/" + name + CatalogExtension(o.catalog);
     if (!catalog.Open(catalogFile, o.catalog, false, name, &error)) break;
     uint64_t bytes = 0;
     auto onRecord = [&](const std::string& path, const Node& node) {
       catalog.Add(path, node, name, node.newest.start);
     };
-    if (!WriteSaveset(&model, s, paths, o.format, chain.files.back(), onRecord, &bytes, &error) ||
-        !catalog.Close(&error))
+    const bool written = mtf ? WriteMtfSaveset(&model, s, paths, t, name, chain.files.back(), onRecord, &bytes, &error)
+                             : WriteSaveset(&model, s, paths, o.format, chain.files.back(), onRecord, &bytes, &error);
+    if (!written || !catalog.Close(&error))
       break;
     chain.bytes.push_back(bytes);
     for (const std::string& path : paths) records += !model.node(path).raw;
@@ -315,7 +327,10 @@ int main(int argc, char** argv) {
   if (argc > 1 && std::string(argv[1]) == "bitmap") return mkchain::BitmapChainMain(argc, argv);
   if (argc > 1 && std::string(argv[1]) == "swapdump") return mkchain::SwapDumpMain(argc, argv);
   mkchain::Options options;
-  std::string error = mkchain::ParseOptions(argc, argv, &options);
+  // "mkchain mtf ...": the chain options with the MTF format.
+  const bool mtfMode = argc > 1 && std::string(argv[1]) == "mtf";
+  if (mtfMode) options.format = mkchain::ChainFormat::kMtf;
+  std::string error = mkchain::ParseOptions(argc - mtfMode, argv + mtfMode, &options);
   if (error == "help") {
     std::fputs(mkchain::kUsage, stdout);
     return 0;

@@ -47,7 +47,7 @@ bool RelistChain(const std::string& dirIn, const std::string& media, const std::
   // Saveset names sort in backup order: "SF..." before "SI...", then by time.
   std::vector<std::string> names;
   for (const auto& e : fs::directory_iterator(dir + "/savesets", ec))
-    if (e.path().extension() == ".cpio") names.push_back(e.path().filename().string());
+    if (e.path().extension() == ".cpio" || e.path().extension() == ".mtf") names.push_back(e.path().filename().string());
   if (ec || names.empty()) {
     *error = dir + "/savesets: no savesets";
     return false;

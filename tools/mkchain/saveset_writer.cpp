@@ -5,6 +5,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "archive/mtf_format.h"
+
 namespace mkchain {
 namespace {
 
@@ -17,6 +19,7 @@ const char* ChainFormatName(ChainFormat format) {
     case ChainFormat::kNewc: return "newc";
     case ChainFormat::kOdc: return "odc";
     case ChainFormat::kExt: return "ext";
+    case ChainFormat::kMtf: return "mtf";
   }
   return "?";
 }
@@ -27,6 +30,7 @@ cpio::Format RecordFormat(ChainFormat format, size_t recordIndex) {
     case ChainFormat::kOdc: return cpio::Format::kOdc;
     case ChainFormat::kExt:
       return recordIndex % 5 == 4 ? cpio::Format::kExtUnpadded : cpio::Format::kExt;
+    case ChainFormat::kMtf: break;
   }
   return cpio::Format::kNewc;
 }
@@ -50,6 +54,10 @@ bool OutFile::Open(const std::string& path, std::string* error) {
 
 bool OutFile::Write(const void* data, size_t n) {
   if (failed_ || std::fwrite(data, 1, n, f_) != n) failed_ = true;
+  if (sumOn_) {
+    sum_ = mtf::DataChecksum(static_cast<const uint8_t*>(data), n, sum_, static_cast<size_t>(sumBytes_ % 4));
+    sumBytes_ += n;
+  }
   pos_ += n;
   return !failed_;
 }

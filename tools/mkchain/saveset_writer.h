@@ -14,8 +14,9 @@
 namespace mkchain {
 
 // The header format of a whole chain.  kExt writes "070706" records with an
-// unpadded "070726" record in every fifth place, as the client does.
-enum class ChainFormat { kNewc, kOdc, kExt };
+// unpadded "070726" record in every fifth place, as the client does.  kMtf
+// chains hold MTF data sets instead (mtf_writer.h).
+enum class ChainFormat { kNewc, kOdc, kExt, kMtf };
 
 const char* ChainFormatName(ChainFormat format);
 // Format of the record with the given 0-based index in a saveset.
@@ -34,12 +35,26 @@ class OutFile {
   bool WriteContent(const std::string& path, uint32_t version, uint64_t size);
   bool Close(std::string* error);
   uint64_t pos() const { return pos_; }
+  // From StartChecksum on, every byte written is folded into the checksum of
+  // an MTF checksum stream, which StopChecksum returns.
+  void StartChecksum() {
+    sumOn_ = true;
+    sum_ = 0;
+    sumBytes_ = 0;
+  }
+  uint32_t StopChecksum() {
+    sumOn_ = false;
+    return sum_;
+  }
 
  private:
   std::FILE* f_ = nullptr;
   std::string path_;
   uint64_t pos_ = 0;
   bool failed_ = false;
+  bool sumOn_ = false;
+  uint32_t sum_ = 0;
+  uint64_t sumBytes_ = 0;
 };
 
 // Items whose bytes come from elsewhere (a disk image written by another

@@ -19,6 +19,7 @@
 
 #include "archive/cpio_stream.h"
 #include "archive/dump_stream.h"
+#include "archive/mtf_stream.h"
 #include "platform/platform.h"
 #include "report/tvu_report.h"
 #include "runtime/lis_search.h"
@@ -486,12 +487,18 @@ int UpdateEntryByDataType(LIS_NODE* node, const char* path) {
       node->ullSize = u.ullSize;
       return 0;
     }
-    case sdtMTF:
-      // TODO: the Microsoft Tape Format reader is not part of this build.
-      VfsTimerStart(vtMTF);
-      WRITE_TRACE(1, "MTF entry update not available in this build [%s]", path);
-      VfsTimerStop(vtMTF);
-      return 1;
+    case sdtMTF: {
+      // The walk starts at the item's FILE block and checks that the block
+      // names the item (the node's name is the catalog's base name).
+      MTF_ENTRY_UPDATE u;
+      u.iSavesetIdx = node->sLoc.ssetIdx;
+      u.ullSavesetOffset = node->sLoc.ssetOff;
+      u.wsName = node->wsName;
+      if (UpdateFSEntryFromMTFSaveset(&u, nullptr) != 0 || !u.bLocated) return 1;
+      node->sLoc.relOff = u.llRelOffset;
+      node->ullSize = u.ullSize;
+      return 0;
+    }
     case sdtDUMP: {
       // The walk finds the item by its inode number, the line's fourth number.
       DUMP_ENTRY_UPDATE u;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "archive/cpio_stream.h"
+#include "archive/mtf_stream.h"
 #include "platform/platform.h"
 #include "report/tvu_report.h"
 #include "runtime/text.h"
@@ -61,10 +62,10 @@ struct ChangedBlocks {
 
 // Locates a changed-block file's data.  The catalog places it when its
 // relative offset is 1 or more (the fourth number is then the data size);
-// otherwise the entry update of the saveset's format finds it in the stream
-// (CPIO; MTF savesets have no entry update in this build).  A record the walk
-// does not meet, or an empty one, gives no data; only a failed update ends
-// the process, since the disk would be rebuilt wrong.  Dump and "none"
+// otherwise the entry update of the saveset's format (CPIO or MTF) finds it
+// in the stream.  A record the walk does not meet, or an empty one, gives no
+// data; only a failed update ends the process, since the disk would be
+// rebuilt wrong.  Dump and "none"
 // savesets have no entry update: their data lies at the saveset offset plus
 // the relative offset, of a size the catalog does not give.  The walk also
 // runs for a placed item whose catalog change time is not valid, for the
@@ -83,7 +84,7 @@ ChangedBlocks LocateChangedBlocks(const LIS_ENTRY& e) {
   const bool needWalk = !placed || e.bCtimeEmulated;
   if (!needWalk || (dataType != sdtCPIO && dataType != sdtMTF)) return cb;
 
-  int rc = 1;  // no entry update for MTF savesets yet
+  int rc = 1;
   CPIO_ENTRY_UPDATE u;
   if (dataType == sdtCPIO) {
     u.iSavesetIdx = e.iSavesetIdx;
@@ -93,6 +94,16 @@ ChangedBlocks LocateChangedBlocks(const LIS_ENTRY& e) {
     u.llRelOffset = 0;
     u.ullSize = 0;
     rc = UpdateFSEntryFromCPIOSaveset(&u);
+  } else {
+    // The MTF result goes into the CPIO record, which the code below reads.
+    MTF_ENTRY_UPDATE m;
+    m.iSavesetIdx = e.iSavesetIdx;
+    m.ullSavesetOffset = e.ullOffset;
+    m.wsName = e.wsBaseName;
+    rc = UpdateFSEntryFromMTFSaveset(&m, nullptr);
+    u.llRelOffset = m.llRelOffset;
+    u.ullSize = m.ullSize;
+    u.llStreamTime = m.llStreamTime;
   }
   if (rc != 0) {
     if (placed) return cb;  // the time stamp only: the catalog's place stands
