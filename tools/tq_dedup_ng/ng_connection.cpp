@@ -22,7 +22,7 @@ using apache::thrift::transport::TFramedTransport;
 using apache::thrift::transport::TSocket;
 
 namespace {
-constexpr uint32_t kKeptFrameBuffer = 4 * 1024 * 1024;
+constexpr uint32_t kKeptFrameBuffer = 2u * kMaxFrameBytes;  // never released while connected
 }  // namespace
 
 NgConnection::NgConnection(std::string host, int port, std::string httpType, TQ_DEDUP_LOG_FN log)
@@ -44,8 +44,10 @@ void NgConnection::Connect() {
   socket->setSendTimeout(kIoTimeoutMs);
   socket_ = socket;
   // A connection stays open for a whole consolidation, one per saveset of
-  // the chain: frame buffers grown beyond kKeptFrameBuffer by a large read
-  // are released after its reply instead of being kept for the next one.
+  // the chain, and reads with the caller's block size over and over: the
+  // frame buffer and the reply string keep their storage from one reply to
+  // the next (about twice the largest read per connection) rather than
+  // being allocated and faulted in again for every block.
   constexpr uint32_t kWriteBuffer = TFramedTransport::DEFAULT_BUFFER_SIZE;
   transport_ = std::make_shared<TFramedTransport>(socket, kWriteBuffer, kKeptFrameBuffer, config);
   client_ = std::make_unique<n7dedup::DedupServiceClient>(std::make_shared<TBinaryProtocol>(transport_));
@@ -82,10 +84,9 @@ int64_t NgConnection::ObjectSize(const std::string& name) {
 int64_t NgConnection::Read(char* buffer, int64_t size) {
   RequireSession();
   int64_t got = 0;
-  std::string reply;
+  std::string& reply = reply_;
   while (got < size) {
     int32_t ask = static_cast<int32_t>(std::min<int64_t>(size - got, kMaxRecoverBytes));
-    reply.clear();
     client_->recover(reply, conid_, ask);
     // An empty reply is the end of the object.  A short one is not: the
     // store may answer in pieces, so only emptiness ends the loop.
