@@ -92,7 +92,6 @@ class NgConnection {
   std::unique_ptr<n7dedup::DedupServiceClient> client_;
   bool started_ = false;
   int32_t conid_ = -1;
-  std::string reply_;  // the last recover reply; keeps its storage for the next
 };
 
 }  // namespace tqng

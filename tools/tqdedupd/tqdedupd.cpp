@@ -115,6 +115,9 @@ int RunServer(const Options& options, RequestLog& log) {
   Faults faults(options);
   auto factory = std::make_shared<HandlerFactory>(store, faults, log);
   auto socket = std::make_shared<transport::TServerSocket>(options.host, options.port);
+  // A reply of a megabyte or more leaves in one send rather than in pieces
+  // the client must wake up for.
+  socket->setTcpSendBuffer(4 * 1024 * 1024);
   server::TThreadedServer server(std::make_shared<RecoverProcessorFactory>(factory), socket,
                                  std::make_shared<LargeFramedTransportFactory>(),
                                  std::make_shared<protocol::TBinaryProtocolFactory>());
