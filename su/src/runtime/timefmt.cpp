@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -117,6 +118,7 @@ struct HourTable {
   std::unordered_map<uint64_t, time_t> starts;
 };
 HourTable s_hours;
+std::mutex s_hoursMutex;
 
 time_t SystemMktime(const struct tm& tm) {
   struct tm copy = tm;
@@ -173,6 +175,7 @@ time_t local_mktime(const struct tm& tm) {
       tm.tm_min < 0 || tm.tm_min > 59 || tm.tm_sec < 0 || tm.tm_sec > 59 || tm.tm_year < -1000 || tm.tm_year > 9000) {
     return SystemMktime(tm);
   }
+  std::lock_guard<std::mutex> lock(s_hoursMutex);  // callers may be threads of a mount
   const char* zone = std::getenv("TZ");
   if (!s_hours.bHaveZone || s_hours.bZoneSet != (zone != nullptr) || (zone != nullptr && s_hours.sZone != zone)) {
     s_hours.starts.clear();

@@ -29,8 +29,8 @@ const char* parse_catalog_time(const char* text, struct tm* tm);
 // each local hour it has met and adds minutes and seconds to it, for hours
 // that pass without a clock change (tested with localtime, which does not
 // re-check).  An hour with a change, or fields outside their usual ranges, go
-// to mktime itself.  The kept hours are dropped when TZ changes.  One thread
-// at a time.
+// to mktime itself.  The kept hours are dropped when TZ changes.  Safe to
+// call from several threads.
 time_t local_mktime(const struct tm& tm);
 
 // Formats like strftime; returns the length written (0 when it did not fit).
