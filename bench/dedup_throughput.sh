@@ -3,11 +3,14 @@
 # client) and the next-generation store (library), both served by tqdedupd
 # over loopback, as ratios against the same saveset read as a file, in one
 # run.
-#   bench/dedup_throughput.sh [BUILD_DIR] [SAVESET_BYTES]
+#   bench/dedup_throughput.sh [BUILD_DIR] [SAVESET_BYTES] [BLOCK_BYTES]
+# BLOCK_BYTES is the block size the client reads with (1 MiB by default; the
+# stores should be as fast at 64 MiB).  bench/ratios.sh runs both sizes.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${1:-$root/build}
 total=${2:-1073741824}
+block=${3:-1048576}
 work=$(mktemp -d "${TMPDIR:-/tmp}/tvu_dedup_bench_XXXXXX")
 server=""
 cleanup() { [ -n "$server" ] && kill "$server" 2>/dev/null; rm -rf "$work"; }
@@ -29,7 +32,7 @@ run() {  # run MEDIA -> best seconds of 3
   for _ in 1 2 3; do
     s=$(date +%s.%N)
     TQ_DEDUP_LIB=$build/libtq_dedup.so "$build/tvucon" consolidate --saveset "$con" \
-      --ini "$work/chain/tq.ini" --output /dev/null --block-size 1048576 --quiet
+      --ini "$work/chain/tq.ini" --output /dev/null --block-size "$block" --quiet
     e=$(date +%s.%N)
     best=$(awk -v a="$best" -v s="$s" -v e="$e" 'BEGIN{t=e-s; print (t<a)?t:a}')
   done

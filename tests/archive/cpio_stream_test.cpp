@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <algorithm>
 #include <cstring>
 #include <iostream>
 #include <filesystem>
@@ -183,7 +184,8 @@ TEST_F(CpioStreamTest, PaddedAndUnpaddedRecordsMixed) {
   for (const auto& item : items) ExpectData(idx, stream, 0, item.first, item.second);
 }
 
-// The item's record begins k bytes before the end of the first 64 KiB read.
+// The item's record begins k bytes before the end of the first read (512
+// bytes; the reads after it are of 64 KiB).
 TEST_F(CpioStreamTest, RecordsThatStraddleTheFirstReadAreReRead) {
   struct Case {
     size_t k;
@@ -192,15 +194,15 @@ TEST_F(CpioStreamTest, RecordsThatStraddleTheFirstReadAreReRead) {
   } cases[] = {
       {3, Format::kExt, "next CPIOMAGIC does not fit in this buffer. Bytes to seek backwards 3"},
       {5, Format::kOdc, "next CPIOMAGIC does not fit"},
-      {6, Format::kNewc, "next header does not fit in this buffer. Bytes to seek 6 buffer size 65536"},
+      {6, Format::kNewc, "next header does not fit in this buffer. Bytes to seek 6 buffer size 512"},
       {60, Format::kExtUnpadded, "next header does not fit"},
       {126 + 5, Format::kExt, "next filename does not fit in this buffer. Bytes to seek 131"},
       {126 + 11, Format::kExt, nullptr},  // header and name fit exactly; data and fill do not
-      {4000, Format::kNewc, nullptr},
+      {300, Format::kNewc, nullptr},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.k);
-    const size_t start = 65536 - c.k;
+    const size_t start = 512 - c.k;
     // An unpadded filler record (126 + 7 bytes before its data) puts the item anywhere.
     std::string stream = Record(Format::kExtUnpadded, "filler", std::string(start - 133, 'f'));
     ASSERT_EQ(start, stream.size());
@@ -212,6 +214,53 @@ TEST_F(CpioStreamTest, RecordsThatStraddleTheFirstReadAreReRead) {
       EXPECT_TRUE(Traced("******** SEEK BACKWARD bytes=" + std::to_string(c.k) + " savesetIdx="));
     }
   }
+}
+
+// The first read is small; a record at the entry's offset whose name does not
+// fit in it is read again from its start, with room for its header and name
+// only, and found.  At the end of the saveset a short read is the end, not a
+// reason to read more.
+TEST_F(CpioStreamTest, FirstReadGrowsOnlyForLongNamesAndStopsAtTheEnd) {
+  for (const size_t length : {380, 385, 1000, 4000}) {
+    SCOPED_TRACE(length);
+    const std::string name = "dir/" + std::string(length - 4, 'n');
+    const std::string stream = Record(Format::kNewc, name, "<long data>") + Record(Format::kNewc, "next", "<next>") +
+                               cpio::TrailerRecord(Format::kNewc);
+    const int32_t idx = Saveset(stream, "long" + std::to_string(length));
+    tvutest::WriteFile(dir_ / "trace.trc", "");
+    g_logged.clear();
+    ExpectData(idx, stream, 0, name, "<long data>");
+    const size_t needed = 110 + length + 1;  // newc header, name, NUL
+    if (needed <= 512) {
+      EXPECT_FALSE(Traced("reading again from its start"));
+      EXPECT_NE(std::string::npos, g_logged.find("bytes read 512\n"));
+    } else {
+      EXPECT_TRUE(Traced("Record of " + std::to_string(needed) + " bytes of header and name; reading again"));
+      const size_t grown = std::min((needed + 511) / 512 * 512, stream.size());
+      EXPECT_NE(std::string::npos, g_logged.find("bytes read " + std::to_string(512 + grown) + "\n")) << g_logged;
+    }
+    ExpectData(idx, stream, 0, "next", "<next>");  // the record after a long name
+  }
+  // The item is the saveset's last record, without a trailer, its data
+  // ending at the last byte; the saveset is shorter than the first read or
+  // ends right after it.
+  for (const size_t data : {10, 512 - 110 - 8 - 2, 1000}) {
+    SCOPED_TRACE(data);
+    const std::string stream = Record(Format::kNewc, "a", "1") + Record(Format::kNewc, "last", std::string(data, 'L'));
+    const int32_t idx = Saveset(stream, "end" + std::to_string(data));
+    ExpectData(idx, stream, 0, "last", std::string(data, 'L'));
+    ExpectData(idx, stream, stream.find("070701", 1), "last", std::string(data, 'L'));
+  }
+  // A saveset that ends inside a long name: read again, and the shorter
+  // second read says it is the end.
+  const std::string full = Record(Format::kNewc, std::string(900, 'q'), "data");
+  const int32_t idx = Saveset(full.substr(0, 700), "cut name");
+  ExpectNotFound(idx, 0, std::string(900, 'q'));
+  EXPECT_TRUE(Traced("CPIO stream ends inside a record header at saveset offset 0 (700 bytes left)"));
+  // A saveset that ends inside the header of the record at the offset.
+  const int32_t idx2 = Saveset(full.substr(0, 50), "cut header");
+  ExpectNotFound(idx2, 0, std::string(900, 'q'));
+  EXPECT_TRUE(Traced("(50 bytes left)"));
 }
 
 TEST_F(CpioStreamTest, OnlyTheFirst64KiBAreExamined) {
@@ -233,8 +282,9 @@ TEST_F(CpioStreamTest, OnlyTheFirst64KiBAreExamined) {
   const int32_t idx = Saveset(stream, "window");
   ExpectData(idx, stream, 0, "straddles", "<s data>");
   ExpectNotFound(idx, 0, "beyond");
-  EXPECT_TRUE(Traced("---UpdateFSEntryFromCPIOSaveset iTotalBytesRead = 65536 iRet = 0"));
-  EXPECT_NE(std::string::npos, g_logged.find("bytes read 65536"));
+  // The first read and one of 64 KiB after it.
+  EXPECT_TRUE(Traced("---UpdateFSEntryFromCPIOSaveset iTotalBytesRead = 66048 iRet = 0"));
+  EXPECT_NE(std::string::npos, g_logged.find("bytes read 66048"));
   EXPECT_NE(std::string::npos, ReadFile(dir_ / "tvu_con.notes").find("Cannot locate [late] in saveset"));
 }
 

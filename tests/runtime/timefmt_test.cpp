@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -75,6 +77,111 @@ TEST(StrftimeTest, FormatsAndReportsOverflow) {
   char tiny[8] = "junk";
   EXPECT_EQ(korvo::cm_strftime(tiny, sizeof tiny, kCatalog, &tm), 0u);
   EXPECT_STREQ(tiny, "");
+}
+
+// The shortcut for catalog times must give what the general parser gives for
+// every text it accepts, and accept every full-width time: texts made from a
+// good one by changing one character, and the edge values of each field.
+TEST(CatalogTimeTest, AgreesWithStrptime) {
+  std::vector<std::string> texts = {"2024-02-29 23:59:60", "0000-01-01 00:00:00", "9999-12-31 23:59:59",
+                                    "2024-12-31 07:08:09 rest", "2024-1-2 03:04:05", "2024-01-02  03:04:05",
+                                    "2024-01-02 03:04", "", "2026-11-01 01:59:0"};
+  const std::string good = "2024-10-27 02:30:45";
+  for (size_t i = 0; i < good.size(); ++i) {
+    for (char c : std::string("0123456789- :a/")) {
+      std::string t = good;
+      t[i] = c;
+      texts.push_back(t);
+    }
+    texts.push_back(good.substr(0, i));  // cut short
+  }
+  for (const std::string& text : texts) {
+    SCOPED_TRACE("[" + text + "]");
+    struct tm fast = Sentinel(), general = Sentinel();
+    const char* fastEnd = korvo::parse_catalog_time(text.c_str(), &fast);
+    const char* generalEnd = korvo::cm_strptime(text.c_str(), kCatalog, &general);
+    if (fastEnd == nullptr) {
+      struct tm untouched = Sentinel();
+      EXPECT_EQ(std::memcmp(&fast, &untouched, sizeof fast), 0);
+      // Only texts of another shape are left to the general parser.
+      bool fullWidth = text.size() >= 19;
+      for (size_t i = 0; fullWidth && i < 19; ++i) {
+        const char shape = "dddd-dd-dd dd:dd:dd"[i];
+        fullWidth = shape == 'd' ? text[i] >= '0' && text[i] <= '9' : text[i] == shape;
+      }
+      if (fullWidth) EXPECT_EQ(generalEnd, nullptr);  // then only a field out of range
+      continue;
+    }
+    ASSERT_EQ(fastEnd, generalEnd);
+    EXPECT_EQ(std::memcmp(&fast, &general, sizeof fast), 0);
+  }
+}
+
+// local_mktime keeps hours it has met; across daylight-saving changes (gaps,
+// repeated hours, half-hour and two-hour shifts) and a change of zone it must
+// still give exactly what mktime gives.
+TEST(LocalMktimeTest, MatchesMktimeAcrossClockChanges) {
+  const char* saved = std::getenv("TZ");
+  const std::string savedZone = saved != nullptr ? saved : "";
+  const char* const zones[] = {"CET-1CEST,M3.5.0,M10.5.0/3",                // Central Europe
+                               "EST5EDT,M3.2.0,M11.1.0",                    // US Eastern
+                               "<+1030>-10:30<+11>-11,M10.1.0,M4.1.0",      // a half-hour shift
+                               "<+00>0<+02>-2,M3.5.0/1,M10.5.0/3",          // a two-hour shift
+                               "UTC0"};
+  for (const char* zone : zones) {
+    SCOPED_TRACE(zone);
+    setenv("TZ", zone, 1);
+    tzset();
+    int mismatches = 0;
+    // Every hour of 2026 at a few minutes and seconds, twice (the second
+    // pass answers from the kept hours).
+    for (int pass = 0; pass < 2; ++pass) {
+      for (int day = 0; day < 365; ++day) {
+        for (int hour = 0; hour < 24; ++hour) {
+          for (const int minute : {0, 17, 59}) {
+            struct tm tm = {};
+            tm.tm_year = 126;
+            tm.tm_mon = 0;
+            tm.tm_mday = 1 + day;  // mktime normalises the day of January into the year
+            tm.tm_hour = hour;
+            tm.tm_min = minute;
+            tm.tm_sec = minute == 59 ? 59 : 7;
+            struct tm norm = tm;
+            norm.tm_isdst = -1;
+            std::mktime(&norm);  // the calendar date, so that the fields are in range
+            struct tm in = tm;
+            in.tm_mon = norm.tm_mon;
+            in.tm_mday = norm.tm_mday;
+            struct tm copy = in;
+            copy.tm_isdst = -1;
+            const time_t want = std::mktime(&copy);
+            if (korvo::local_mktime(in) != want && ++mismatches < 5) {
+              ADD_FAILURE() << "2026-" << in.tm_mon + 1 << "-" << in.tm_mday << " " << hour << ":" << minute;
+            }
+          }
+        }
+      }
+    }
+    EXPECT_EQ(mismatches, 0);
+  }
+  // Fields out of their ranges are normalised as mktime does.
+  setenv("TZ", zones[0], 1);
+  tzset();
+  struct tm odd = {};
+  odd.tm_year = 126;
+  odd.tm_mon = 2;
+  odd.tm_mday = 29;
+  odd.tm_hour = 1;
+  odd.tm_min = 90;  // 02:30, in the gap of that night
+  struct tm copy = odd;
+  copy.tm_isdst = -1;
+  EXPECT_EQ(korvo::local_mktime(odd), std::mktime(&copy));
+  if (saved != nullptr) {
+    setenv("TZ", savedZone.c_str(), 1);
+  } else {
+    unsetenv("TZ");
+  }
+  tzset();
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Tests of catalog type detection, ignored lines and ParseSavesetEntry.
 #include "vfs/tq_vfs_catalog.h"
+#include "vfs/tq_vfs_catalog_internal.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -365,6 +366,89 @@ TEST_F(CatalogDetectDeathTest, UnknownExtensionEndsProcess) {
   CatalogSetPath(dir.Write("cat.lnd", "\"a\" f\n").c_str());
   EXPECT_EXIT(DetectCatalogType(), ::testing::ExitedWithCode(1),
               "ERROR: Unknown catalog type \\[\\.lnd\\]\\. Expected extensions \\.lis, \\.lsl\\., \\.lnd Aborting");
+}
+
+// The item patterns are first tried at the line's second quote; a path that
+// holds quotes, or a line break the pattern's "." cannot cross, must still be
+// judged by the whole pattern.
+TEST_F(CatalogDetectTest, TypeByLineWithQuotesAndBreaksInPaths) {
+  const std::string t = kTimes;
+  const std::string v2Tail = " f " + t + " 1 2 3 4 5 6 SF1 0";
+  CatalogSetPath("c.lsl");
+  // The closing quote is the third one: the tail fails at the second.
+  EXPECT_EQ(DetectCatalogTypeByLine(("\"say \"hi\" there\"" + v2Tail).c_str()), ctLSLv2);
+  EXPECT_EQ(DetectCatalogTypeByLine(("\"a\" b\"" + v2Tail).c_str()), ctLSLv2);
+  // The tail would match at the second quote, but "." stops at the break.
+  EXPECT_EQ(DetectCatalogTypeByLine(("\"a\nb\"" + v2Tail).c_str()), ctLSL);
+  // A break after the path is the whole pattern's business as well.
+  EXPECT_EQ(DetectCatalogTypeByLine(("\"a\"" + v2Tail + "\n").c_str()), ctLSLv2);
+  EXPECT_EQ(DetectCatalogTypeByLine(("x\"a\"" + v2Tail).c_str()), ctLSL);  // no quote first
+  // Outside line-by-line mode a quote inside the path still matches.
+  Use("c.lsl", ctLSLv2, false);
+  Chain();
+  const std::string line = "\"x\" \"y\" f " + t + " 100 20 50 9 0 0 SI20261102020000 0";
+  ASSERT_EQ(ParseSavesetEntry(&e, line.c_str(), "f"), 1);  // the type field is "\"y\"": not admitted
+}
+
+// The consolidation parses without wide names; everything else must be what
+// the full parse gives, for ASCII, UTF-8 and Latin-1 paths alike.
+TEST_F(CatalogParseTest, WithoutWideNamesTheRestIsTheSame) {
+  Chain();
+  const char* const paths[] = {"demo/sub dir/file name.txt", "caf\xc3\xa9/\xc3\xa9t\xc3\xa9", "caf\xe9/x",
+                               "[C:]/Users/x.txt"};
+  for (const char* path : paths) {
+    for (const char* rest : {" f 2026-11-01 01:59:00 2026-11-01 01:58:30 100 20 50 9 0 0 SI20261102020000 0",
+                             " d 0000-00-00 00:00:00 2026-11-01 01:58:30 100 -1 0 9 0 0 SF20261101020000 0"}) {
+      const std::string line = std::string("\"") + path + "\"" + rest;
+      SCOPED_TRACE(line);
+      Use("x.lsl", ctUNKNOWN, true);
+      LIS_ENTRY full{}, narrow{};
+      ASSERT_EQ(ParseSavesetEntry(&full, line.c_str(), "fd"), 0);
+      ASSERT_EQ(ParseSavesetEntry(&narrow, line.c_str(), "fd", false), 0);
+      EXPECT_FALSE(full.wsPath.empty());
+      EXPECT_TRUE(narrow.wsPath.empty() && narrow.wsBaseName.empty());
+      EXPECT_EQ(narrow.sPath, full.sPath);
+      EXPECT_EQ(narrow.cType, full.cType);
+      EXPECT_EQ(narrow.ullOffset, full.ullOffset);
+      EXPECT_EQ(narrow.ullSize, full.ullSize);
+      EXPECT_EQ(narrow.llRelOffset, full.llRelOffset);
+      EXPECT_EQ(narrow.llFourth, full.llFourth);
+      EXPECT_EQ(narrow.iSavesetIdx, full.iSavesetIdx);
+      EXPECT_EQ(narrow.bFullBackup, full.bFullBackup);
+      EXPECT_EQ(narrow.bCtimeEmulated, full.bCtimeEmulated);
+      EXPECT_EQ(narrow.tmMtime.tm_min, full.tmMtime.tm_min);
+      EXPECT_EQ(narrow.tmCtime.tm_year, full.tmCtime.tm_year);
+    }
+  }
+}
+
+// The ignored-line patterns run only on lines that begin with the literal
+// text their pattern demands.
+TEST(CatalogPrefixTest, AnchoredPrefixIsWhatEveryMatchBeginsWith) {
+  using catalog_internal::AnchoredPrefix;
+  EXPECT_EQ(AnchoredPrefix("^[\"]Device=.*[\"][ ]v"), "\"Device=");
+  EXPECT_EQ(AnchoredPrefix("^[\"]TAPE[\"][ ]"), "\"TAPE\" ");
+  EXPECT_EQ(AnchoredPrefix("^Tape ID.*Tape Label.*Format.*"), "Tape ID");
+  EXPECT_EQ(AnchoredPrefix("^#"), "#");
+  EXPECT_EQ(AnchoredPrefix("^ab*c"), "a");       // b may be missing
+  EXPECT_EQ(AnchoredPrefix("^ab?c"), "a");
+  EXPECT_EQ(AnchoredPrefix("^ab{2}c"), "a");
+  EXPECT_EQ(AnchoredPrefix("^ab+c"), "ab");      // b at least once, then who knows
+  EXPECT_EQ(AnchoredPrefix("^a[bc]d"), "a");
+  EXPECT_EQ(AnchoredPrefix("^a\\.b"), "a");
+  EXPECT_EQ(AnchoredPrefix("^ab|cd"), "");       // "cd" needs no "ab"
+  EXPECT_EQ(AnchoredPrefix("^a(b|c)|d"), "");
+  EXPECT_EQ(AnchoredPrefix("^a(b|c)"), "a");     // a group's alternatives are after the prefix
+  EXPECT_EQ(AnchoredPrefix("^a[|]b"), "a|b");
+  EXPECT_EQ(AnchoredPrefix("ab"), "");           // not anchored
+  // Ignored lines still found through the prefixes.
+  EXPECT_EQ(IsIgnoredLine("\"SSET 42\" x"), 1);
+  EXPECT_EQ(IsIgnoredLine("\"IMAP:box\" db"), 1);
+  EXPECT_EQ(IsIgnoredLine("\"IMAP:box\" f"), 0);
+  EXPECT_EQ(IsIgnoredLine("\"TAPE\" "), 1);
+  EXPECT_EQ(IsIgnoredLine("\"TAPES\" "), 0);
+  EXPECT_EQ(IsIgnoredLine("Tape ID 1 Tape Label 2 Format cpio"), 1);
+  EXPECT_EQ(IsIgnoredLine("Tape I"), 0);
 }
 
 }  // namespace

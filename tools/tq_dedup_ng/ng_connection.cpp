@@ -12,6 +12,7 @@
 #include <thrift/transport/TSocket.h>
 
 #include "n7dedup/DedupService.h"
+#include "recover_into.h"
 #include "tq_dedup_ng/ng_report.h"
 
 namespace tqng {
@@ -22,7 +23,7 @@ using apache::thrift::transport::TFramedTransport;
 using apache::thrift::transport::TSocket;
 
 namespace {
-constexpr uint32_t kKeptFrameBuffer = 4 * 1024 * 1024;
+constexpr uint32_t kKeptFrameBuffer = 2u * kMaxFrameBytes;  // never released while connected
 }  // namespace
 
 NgConnection::NgConnection(std::string host, int port, std::string httpType, TQ_DEDUP_LOG_FN log)
@@ -44,8 +45,10 @@ void NgConnection::Connect() {
   socket->setSendTimeout(kIoTimeoutMs);
   socket_ = socket;
   // A connection stays open for a whole consolidation, one per saveset of
-  // the chain: frame buffers grown beyond kKeptFrameBuffer by a large read
-  // are released after its reply instead of being kept for the next one.
+  // the chain, and reads with the caller's block size over and over: the
+  // frame buffer keeps its storage from one reply to the next (about the
+  // largest read per connection) rather than being allocated and faulted in
+  // again for every block.
   constexpr uint32_t kWriteBuffer = TFramedTransport::DEFAULT_BUFFER_SIZE;
   transport_ = std::make_shared<TFramedTransport>(socket, kWriteBuffer, kKeptFrameBuffer, config);
   client_ = std::make_unique<n7dedup::DedupServiceClient>(std::make_shared<TBinaryProtocol>(transport_));
@@ -82,25 +85,23 @@ int64_t NgConnection::ObjectSize(const std::string& name) {
 int64_t NgConnection::Read(char* buffer, int64_t size) {
   RequireSession();
   int64_t got = 0;
-  std::string reply;
   while (got < size) {
     int32_t ask = static_cast<int32_t>(std::min<int64_t>(size - got, kMaxRecoverBytes));
-    reply.clear();
-    client_->recover(reply, conid_, ask);
+    // The reply's bytes go from the frame straight into the caller's buffer.
+    const int64_t length = n7dedup::RecoverInto(*client_, conid_, ask, buffer + got, nullptr);
     // An empty reply is the end of the object.  A short one is not: the
     // store may answer in pieces, so only emptiness ends the loop.
-    if (reply.empty()) break;
-    size_t n = reply.size();
-    if (n > static_cast<size_t>(ask)) {
+    if (length == 0) break;
+    int64_t n = length;
+    if (n > ask) {
       // The store sent more than asked; the surplus cannot be handed to the
       // caller (whose buffer ends here) and is dropped.
       LogLine(log_, LogLevel::Warning,
-              Format("recover on %s returned %zu bytes for %d asked; the surplus is dropped", peer_.c_str(), n,
-                     ask));
-      n = static_cast<size_t>(ask);
+              Format("recover on %s returned %lld bytes for %d asked; the surplus is dropped", peer_.c_str(),
+                     static_cast<long long>(n), ask));
+      n = ask;
     }
-    std::memcpy(buffer + got, reply.data(), n);
-    got += static_cast<int64_t>(n);
+    got += n;
   }
   return got;
 }

@@ -105,9 +105,10 @@ std::shared_ptr<ObjectStore::Session> ObjectStore::Find(int32_t conid) const {
 void ObjectStore::Read(int32_t conid, size_t n, std::string* data, SessionState* state) {
   std::shared_ptr<Session> s = Find(conid);
   std::lock_guard<std::mutex> lock(s->mutex);
-  data->clear();
   int64_t remaining = s->position < s->size ? s->size - s->position : 0;
   size_t want = static_cast<uint64_t>(remaining) < n ? static_cast<size_t>(remaining) : n;
+  // data keeps its storage from the last reply: resizing, not clearing
+  // first, fills only bytes beyond its last size (which pread overwrites).
   data->resize(want);
   size_t got = 0;
   while (got < want) {

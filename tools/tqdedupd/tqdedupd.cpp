@@ -25,6 +25,7 @@
 #include "tqdedupd/object_store.h"
 #include "tqdedupd/options.h"
 #include "tqdedupd/probe_only.h"
+#include "tqdedupd/recover_processor.h"
 #include "tqdedupd/request_log.h"
 #include "tqdedupd/stop_signal.h"
 
@@ -45,10 +46,11 @@ class LargeFramedTransportFactory : public apache::thrift::transport::TTransport
   LargeFramedTransportFactory() : config_(std::make_shared<TConfiguration>(kMaxFrameBytes, kMaxFrameBytes)) {}
   std::shared_ptr<TTransport> getTransport(std::shared_ptr<TTransport> trans) override {
     trans->setConfiguration(config_);
-    // A reply's frame is built in a write buffer that grows to fit it; one
-    // that grew past the threshold is given back after the reply, so that
-    // idle connections do not each keep up to 128 MiB.
-    const uint32_t initialSize = 4096, reclaimAbove = 8 * 1024 * 1024;
+    // A reply's frame is built in a write buffer that grows to fit it and is
+    // kept for the connection's next replies: given back after each large
+    // reply, it would be grown (copied at each doubling) and faulted in again
+    // for the next.  A connection keeps about twice its largest reply.
+    const uint32_t initialSize = 4096, reclaimAbove = 4u * kMaxFrameBytes;
     return std::make_shared<TFramedTransport>(trans, initialSize, reclaimAbove, config_);
   }
 
@@ -113,7 +115,10 @@ int RunServer(const Options& options, RequestLog& log) {
   Faults faults(options);
   auto factory = std::make_shared<HandlerFactory>(store, faults, log);
   auto socket = std::make_shared<transport::TServerSocket>(options.host, options.port);
-  server::TThreadedServer server(std::make_shared<n7dedup::DedupServiceProcessorFactory>(factory), socket,
+  // A reply of a megabyte or more leaves in one send rather than in pieces
+  // the client must wake up for.
+  socket->setTcpSendBuffer(4 * 1024 * 1024);
+  server::TThreadedServer server(std::make_shared<RecoverProcessorFactory>(factory), socket,
                                  std::make_shared<LargeFramedTransportFactory>(),
                                  std::make_shared<protocol::TBinaryProtocolFactory>());
   StopGate gate(server);

@@ -2,7 +2,9 @@
 // a saveset.
 //
 // UpdateFSEntryFromCPIOSaveset seeks the saveset to the entry's offset and
-// reads the stream in buffers of 64 KiB.  The block walker moves through each
+// reads the stream: first a few hundred bytes, which hold the header and name
+// of the record there in nearly every case (the item's own record, as the
+// catalog points at it), then buffers of 64 KiB.  The block walker moves through each
 // buffer record by record (header, name, fill, data, fill), asks the archive
 // callback (PDS_CallingtModule) whether a record's name is the one looked for
 // and, when it is, reports where the record's data begins and how long it is.
@@ -13,7 +15,9 @@
 //  - Only records that begin within the first 64 KiB after the entry's offset
 //    are examined.  A record that begins there but whose header or name runs
 //    past the end of the buffer is re-read: the walker seeks back to the
-//    record's first byte and the next read starts there.
+//    record's first byte and the next read starts there.  When that record
+//    began the buffer (a name longer than the first read), the next read is
+//    made large enough for its header and name.
 //  - A record named "TRAILER!!!" ends the search: the item is not there.
 //  - A record of the looked-for name without data is an empty file.
 //  - Extended-attribute / ACL records (magic 070716) name the item they belong
@@ -46,7 +50,8 @@
 
 namespace {
 
-constexpr size_t kBufferSize = 65536;     // one read, and the search window
+constexpr size_t kBufferSize = 65536;     // the search window, and every read after the first
+constexpr size_t kFirstRead = 512;        // the first read: a header (at most 126 bytes) and a name
 constexpr size_t kMaxLookedFor = 4094;    // longest catalog path
 constexpr size_t kMaxWideName = 4096;     // wide name of a record, NUL included
 constexpr size_t kMagicLen = 6;
@@ -67,6 +72,9 @@ constexpr int kOpUnknown = 2;
 constexpr int kWalkOk = 0;
 constexpr int kWalkError = -1;
 constexpr int kWalkUnhandled = -2;
+// The record at the start of the buffer needs more bytes than were asked for
+// (its name is longer than the read); the stream is back at its first byte.
+constexpr int kWalkGrow = 1;
 
 using ArchiveCallback = int (*)(int operation, const char* name, int64_t bytes, int32_t iSavesetIdx);
 
@@ -81,6 +89,8 @@ struct CpioWalk {
   uint64_t ullEntryOffset = 0;  // saveset offset of the entry (for messages)
   uint64_t ullWalked = 0;       // stream bytes behind the current buffer, from the entry's offset
   uint64_t ullSkip = 0;         // data and fill of the last record still to pass
+  size_t uRequested = 0;        // bytes the read of the current buffer asked for
+  size_t uNeeded = 0;           // kWalkGrow: bytes the record's header and name take
   bool bFound = false;          // the item's record was met and has data
   bool bEmpty = false;          // the item's record was met and has no data
   bool bStop = false;           // the walk ended on purpose (end of archive)
@@ -170,7 +180,17 @@ int ReadEaAclHeader(const char* p, size_t avail, unsigned long long where, cpio:
 // short buffer before its end would be taken for a cut-off stream too.)
 // A seek the callback did not carry out (any result but 0) leaves the stream
 // where the walk cannot follow it, and also ends the walk.
-int SeekBackward(CpioWalk* w, size_t pos, size_t len, size_t* consumed) {
+int SeekBackward(CpioWalk* w, size_t pos, size_t len, size_t* consumed, size_t needed = 0) {
+  if (pos == 0 && needed > len && len == w->uRequested && w->uRequested < kBufferSize) {
+    // Not the stream's end: the read was short of the record.  Back to its
+    // start, for a larger read.
+    WRITE_TRACE(2, "Record of %lu bytes of header and name; reading again from its start",
+                static_cast<unsigned long>(needed));
+    *consumed = 0;
+    w->uNeeded = needed;
+    const int r = w->pfnCallback(kOpSeekBackward, nullptr, static_cast<int64_t>(len), w->iSavesetIdx);
+    return r == 0 ? kWalkGrow : kWalkError;
+  }
   if (pos == 0) {
     WRITE_TRACE(1, "CPIO stream ends inside a record header at saveset offset %llu (%lu bytes left)",
                 Where(*w, pos), static_cast<unsigned long>(len));
@@ -250,7 +270,7 @@ int WalkCpioBlock(CpioWalk* w, const char* buf, size_t len, size_t* consumed) {
     if (avail - headerSize < h.namesize) {
       WRITE_TRACE(2, "Seek backward - next filename does not fit in this buffer. Bytes to seek %lu",
                   static_cast<unsigned long>(avail));
-      return SeekBackward(w, pos, len, consumed);
+      return SeekBackward(w, pos, len, consumed, headerSize + static_cast<size_t>(h.namesize));
     }
 
     size_t dataOffset = 0;  // header, name, NUL and fill
@@ -352,6 +372,7 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
   // Owned by the scope: the fatal paths below leave through it too.
   std::unique_ptr<char, decltype(&free)> owned(static_cast<char*>(safe_malloc(kBufferSize)), &free);
   char* buffer = owned.get();
+  size_t readSize = kFirstRead;
   unsigned long ulTotalRead = 0;  // bytes read, re-read ones included
   int walkResult = kWalkOk;
   // The loop ends when the item (or an empty file) is found, at the end of
@@ -361,7 +382,7 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
   do {
     uint64_t got = 0;
     uint8_t eof = 0;
-    err = saveset_read(idx, buffer, kBufferSize, &got, &eof);
+    err = saveset_read(idx, buffer, readSize, &got, &eof);
     if (err != 0) {
       WRITE_TRACE(1, "---UpdateFSEntryFromCPIOSaveset: saveset_read failed with error = %d", err);
       saveset_operation_mutex_unlock(idx);
@@ -371,8 +392,16 @@ int UpdateFSEntryFromCPIOSaveset(CPIO_ENTRY_UPDATE* entry) {
     if (got == 0) break;  // nothing more to read, whatever the media's end flag says
     ulTotalRead += static_cast<unsigned long>(got);
     size_t consumed = 0;
+    walk.uRequested = readSize;
     walkResult = WalkCpioBlock(&walk, buffer, static_cast<size_t>(got), &consumed);
     if (walkResult < 0) break;
+    if (walkResult == kWalkGrow) {
+      // Read again from the record's start, enough for its header and name.
+      readSize = walk.uNeeded < kBufferSize ? (walk.uNeeded + kFirstRead - 1) / kFirstRead * kFirstRead : kBufferSize;
+      walkResult = kWalkOk;
+      continue;
+    }
+    readSize = kBufferSize;
     if (!walk.bFound) walk.ullWalked += consumed;
     if (walk.bEmpty) {
       WRITE_TRACE(2, "Empty file located; stop processing");

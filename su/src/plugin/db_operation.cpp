@@ -133,7 +133,8 @@ CollectResult CollectRun() {
                       static_cast<unsigned>(sizeof s_szLine - 1));
         return crERROR;
       }
-      if (ParseSavesetEntry(&e, s_szLine, "fd") != 0) continue;
+      // The stream needs where the item lies, not its wide names.
+      if (ParseSavesetEntry(&e, s_szLine, "fd", false) != 0) continue;
       s_op.bPending = true;
     }
     LogReadData(e);

@@ -8,6 +8,7 @@
 #include "platform/platform.h"
 #include "vfs/tq_vfs_chain.h"
 #include "report/tvu_report.h"
+#include "runtime/timefmt.h"
 #include "runtime/text.h"
 #include "tvu_con.h"
 #include "vfs/tq_vfs_cache.h"
@@ -65,8 +66,7 @@ time_t ToTime(const PACKED_TIME& t) {
   tm.tm_hour = t.hour;
   tm.tm_min = t.min;
   tm.tm_sec = t.sec;
-  tm.tm_isdst = -1;
-  return mktime(&tm);
+  return korvo::local_mktime(tm);
 }
 
 std::string JoinPath(const std::string& dir, const std::string& name) {

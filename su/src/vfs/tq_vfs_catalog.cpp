@@ -19,6 +19,65 @@
 
 int32_t g_iCatalogType = ctUNKNOWN;
 
+namespace catalog_internal {
+
+namespace {
+
+// True when pattern has a "|" outside every group and class.
+bool HasTopLevelAlternative(const char* p) {
+  int depth = 0;
+  bool inClass = false;
+  for (; *p != '\0'; ++p) {
+    if (*p == '\\') {
+      if (p[1] == '\0') break;
+      ++p;
+    } else if (inClass) {
+      if (*p == ']') inClass = false;
+    } else if (*p == '[') {
+      inClass = true;
+      if (p[1] == '^') ++p;
+      if (p[1] == ']') ++p;  // a "]" first in a class is a member
+    } else if (*p == '(') {
+      ++depth;
+    } else if (*p == ')') {
+      --depth;
+    } else if (*p == '|' && depth == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+}  // namespace
+
+// The literal text an anchored pattern demands at the start of a subject:
+// its characters up to the first one that is not plain ("[x]" counts as x),
+// less the last one when a quantifier follows it.  A line that does not begin
+// with it cannot match, so the pattern need not run.  Empty for a pattern
+// that is not anchored or has an alternative at its top level.
+std::string AnchoredPrefix(const char* pattern) {
+  std::string prefix;
+  if (pattern == nullptr || *pattern != '^' || HasTopLevelAlternative(pattern)) return prefix;
+  const char* p = pattern + 1;
+  for (;;) {
+    char c;
+    if (p[0] == '[' && p[1] != '\0' && p[1] != '^' && p[1] != ']' && p[1] != '\\' && p[2] == ']') {
+      c = p[1];
+      p += 3;
+    } else if (*p != '\0' && std::strchr("\\^$.[]|()?*+{}", *p) == nullptr) {
+      c = *p++;
+    } else {
+      break;
+    }
+    if (*p == '?' || *p == '*' || *p == '{') break;  // c may be missing or repeated: stop before it
+    prefix += c;
+    if (*p == '+') break;  // c once at least, then maybe more of it
+  }
+  return prefix;
+}
+
+}  // namespace catalog_internal
+
 namespace {
 
 // ---- settings -------------------------------------------------------------
@@ -90,11 +149,12 @@ struct PatternSet {
   int aiErrorOffset[N] = {};
   std::string asErrorText[N];
 
-  explicit PatternSet(const char* const* patterns) {
+  // form, when given, turns a pattern into the text that is compiled.
+  explicit PatternSet(const char* const* patterns, std::string (*form)(const char*) = nullptr) {
     for (int i = 0; i < N; ++i) {
-      if (patterns[i] != nullptr && !aRegex[i].Compile(patterns[i], 0, &aiErrorOffset[i], &asErrorText[i])) {
-        abFailed[i] = true;
-      }
+      if (patterns[i] == nullptr) continue;
+      const std::string text = form != nullptr ? form(patterns[i]) : std::string(patterns[i]);
+      if (!aRegex[i].Compile(text.c_str(), 0, &aiErrorOffset[i], &asErrorText[i])) abFailed[i] = true;
     }
   }
 };
@@ -102,6 +162,51 @@ struct PatternSet {
 const PatternSet<5>& TypePatterns() {
   static const PatternSet<5> s_set(kTypePatterns);
   return s_set;
+}
+
+// The item patterns begin with the quoted path, '^["].*["][ ]', and the path
+// may itself hold quotes, so a match needs the ".*" to try closing quotes
+// one by one (from the line's end back, as it is greedy).  The path's closing
+// quote is nearly always the line's second quote: the rest of the pattern,
+// '^["][ ]...', is tried there first (its "tail"), and the whole pattern runs
+// only when that fails.  Neither step changes which lines match.
+constexpr char kPathPart[] = "^[\"].*";
+
+std::string TailForm(const char* pattern) {
+  const std::string text = pattern;
+  if (text.compare(0, sizeof kPathPart - 1, kPathPart) != 0) return "(*FAIL)";  // no shortcut
+  return "^" + text.substr(sizeof kPathPart - 1);
+}
+
+const PatternSet<5>& TypeTails() {
+  static const PatternSet<5> s_set(kTypePatterns, TailForm);
+  return s_set;
+}
+
+// True when "." matches every byte of [p, end): it matches all but the line
+// breaks, and which bytes those are depends on how the library was built;
+// none of them is allowed here.
+bool DotMatchesAll(const char* p, const char* end) {
+  if (TqRegex::DotStopsOnlyAtLineFeed()) return std::memchr(p, '\n', static_cast<size_t>(end - p)) == nullptr;
+  for (; p < end; ++p) {
+    const unsigned char c = static_cast<unsigned char>(*p);
+    if ((c >= '\n' && c <= '\r') || c == 0x85) return false;
+  }
+  return true;
+}
+
+// The whole item pattern of a type (compiled) on line[0, length).
+bool MatchItemPattern(const PatternSet<5>& set, int32_t type, const char* line, size_t length) {
+  const PatternSet<5>& tails = TypeTails();
+  if (length > 1 && line[0] == '"' && !tails.abFailed[type]) {
+    const char* const end = line + length;
+    const char* close = static_cast<const char*>(std::memchr(line + 1, '"', length - 1));
+    if (close != nullptr && DotMatchesAll(line + 1, close) &&
+        tails.aRegex[type].Match(close, static_cast<size_t>(end - close))) {
+      return true;
+    }
+  }
+  return set.aRegex[type].Match(line, length);
 }
 
 const PatternSet<kIgnoredCount>& IgnoredPatterns() {
@@ -130,6 +235,11 @@ const TqRegex* Version2Pattern(int32_t family) {
   return &set.aRegex[type];
 }
 
+// Whether line matches the version-2 pattern of a family (which compiled).
+bool MatchVersion2(int32_t family, const char* line, size_t length) {
+  return MatchItemPattern(TypePatterns(), family == ctLSL ? ctLSLv2 : ctLISv2, line, length);
+}
+
 // Which ignored-line patterns (bit i = pattern i) can match a line that
 // begins with a given byte.  Each of patterns 1 to 9 is anchored and begins
 // with one literal character, so a line whose first byte differs cannot match
@@ -149,6 +259,19 @@ struct FirstByteTable {
   }
 };
 const FirstByteTable kFirstByte;
+
+// The anchored prefixes of the ignored-line patterns, worked out once.
+struct IgnoredPrefixes {
+  std::string asPrefix[kIgnoredCount];
+  IgnoredPrefixes() {
+    for (int i = 0; i < kIgnoredCount; ++i) asPrefix[i] = catalog_internal::AnchoredPrefix(kIgnoredPatterns[i]);
+  }
+};
+const IgnoredPrefixes kIgnoredPrefixes;
+
+inline bool StartsWith(const char* line, size_t length, const std::string& prefix) {
+  return length >= prefix.size() && std::memcmp(line, prefix.data(), prefix.size()) == 0;
+}
 
 }  // namespace
 
@@ -205,7 +328,10 @@ int IsIgnoredLine(const char* line, size_t length) {
   if ((mask & 1u) == 0) return 1;
   for (int i = 1; i < kIgnoredCount; ++i) {
     if (set.abFailed[i]) FatalCompileFailure(set.aiErrorOffset[i], set.asErrorText[i], kIgnoredPatterns[i]);
-    if ((mask & (1u << i)) != 0 && set.aRegex[i].Match(line, length)) return 1;
+    if ((mask & (1u << i)) != 0 && StartsWith(line, length, kIgnoredPrefixes.asPrefix[i]) &&
+        set.aRegex[i].Match(line, length)) {
+      return 1;
+    }
   }
   return 0;
 }
@@ -214,9 +340,8 @@ int DetectCatalogTypeByLine(const char* line, size_t length) {
   WRITE_TRACE(2, "DetectCatalogTypeByLine: [%s]", line);
   const int32_t family = s_iPathFamily;
   if (family == ctUNKNOWN) return ctUNKNOWN;
-  const TqRegex* v2 = Version2Pattern(family);
-  if (v2 == nullptr) return -1;
-  const bool isV2 = v2->Match(line, length);
+  if (Version2Pattern(family) == nullptr) return -1;
+  const bool isV2 = MatchVersion2(family, line, length);
   if (family == ctLSL) {
     if (isV2) {
       WRITE_TRACE(2, "DetectCatalogTypeByLine: LSLv2");
@@ -238,7 +363,7 @@ void MatchTypePatternOrDie(const char* line, size_t length) {
   if (type >= ctLIS && type <= ctLSLv2) {
     const PatternSet<5>& set = TypePatterns();
     if (set.abFailed[type]) FatalCompileFailure(set.aiErrorOffset[type], set.asErrorText[type], kTypePatterns[type]);
-    if (set.aRegex[type].Match(line, length)) return;
+    if (MatchItemPattern(set, type, line, length)) return;
   }
   // No pattern (unknown type) counts as a mismatch.  The message also goes to
   // the standard error stream: a catalog line that does not parse ends the

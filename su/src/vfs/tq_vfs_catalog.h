@@ -55,7 +55,9 @@ int DetectCatalogTypeByLine(const char* line);
 // 1 for lines that are not items, else 0.
 int IsIgnoredLine(const char* line);
 // 0 for an item, 1 for a skipped line; fatal conditions end the process.
-int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted);
+// With wideNames false the record's wide path and base name stay empty: a
+// caller that only streams the item's bytes saves their conversion.
+int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted, bool wideNames = true);
 
 // Resets the module-wide settings and the saveset-name lookup cache (tests).
 void CatalogResetForTest();

@@ -5,6 +5,7 @@
 #define TVU_VFS_CATALOG_INTERNAL_H
 
 #include <cstddef>
+#include <string>
 
 namespace catalog_internal {
 
@@ -16,6 +17,9 @@ int DetectCatalogTypeByLine(const char* line, size_t length);
 // Matches the line against the current catalog type's pattern; a mismatch or
 // a pattern that does not compile ends the process.
 void MatchTypePatternOrDie(const char* line, size_t length);
+// The literal text that an anchored pattern demands at the start of every
+// subject it matches (possibly empty); a subject without it cannot match.
+std::string AnchoredPrefix(const char* pattern);
 // Forgets the parser's saveset-name lookup cache.
 void ResetParserState();
 

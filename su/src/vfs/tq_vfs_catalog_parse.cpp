@@ -5,7 +5,8 @@
 // work that does not change from line to line: the patterns are compiled once
 // (tq_vfs_catalog.cpp), the record's strings keep their storage from line to
 // line, the saveset of the previous line is remembered, and the clock is read
-// only when a time has to be made up.
+// only when a time has to be made up; times in the full-width shape every
+// catalog writer uses are read without the general time parser.
 #include "vfs/tq_vfs_catalog.h"
 #include "vfs/tq_vfs_catalog_internal.h"
 
@@ -77,6 +78,9 @@ const char* FindZeroDate(const char* p, const char* end) {
   for (const char* dash = p + 4; dash <= lastDash; ++dash) {
     dash = static_cast<const char*>(std::memchr(dash, '-', static_cast<size_t>(lastDash + 1 - dash)));
     if (dash == nullptr) break;
+    // Most dashes are a real date's: its year ends in a digit other than 0
+    // or its month is not "00", which two byte tests show without a call.
+    if (dash[-1] != '0' || dash[1] != '0') continue;
     if (std::memcmp(dash - 4, kZeroDate, kLen) == 0) return dash - 4;
   }
   return end;
@@ -123,6 +127,13 @@ bool ScanS64(const char* p, int64_t* out) {
   if (overflow) value = limit;
   *out = negative ? static_cast<int64_t>(0 - value) : static_cast<int64_t>(value);
   return true;
+}
+
+// A catalog time: the full-width shape every catalog writer uses is read
+// directly; anything else goes through the general parser, which gives the
+// same fields for that shape.
+inline void ParseTime(const char* text, struct tm* tm) {
+  if (korvo::parse_catalog_time(text, tm) == nullptr) korvo::cm_strptime(text, kTimeFormat, tm);
 }
 
 void ClearRecord(LIS_ENTRY* r) {
@@ -215,7 +226,7 @@ void ResetParserState() { s_cache = SavesetCache(); }
 
 }  // namespace catalog_internal
 
-int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted) {
+int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted, bool wideNames) {
   WRITE_TRACE(2, "ParseSavesetEntry extracting : [%s]", line);
   const size_t length = std::strlen(line);
   const char* const end = line + length;
@@ -242,7 +253,7 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
   record->sPath.assign(open + 1, close);
   if (record->sPath.size() > static_cast<size_t>(MAX_LIS_ENTRY_PATH)) FatalPathTooLong(record);
 
-  MakeWideNames(record);
+  if (wideNames) MakeWideNames(record);
 
   // The type letter follows the blank after the closing quote.
   const char* typeField = close + 1 < end ? close + 2 : end;
@@ -267,13 +278,13 @@ int ParseSavesetEntry(LIS_ENTRY* record, const char* line, const char* admitted)
     record->tmCtime = now;
     WRITE_TRACE(2, "Emulating ctime for [%s]", record->sPath.c_str());
   } else {
-    korvo::cm_strptime(ctimeText, kTimeFormat, &record->tmCtime);
+    ParseTime(ctimeText, &record->tmCtime);
   }
   if (record->bMtimeEmulated) {
     record->tmMtime = now;
     WRITE_TRACE(2, "Emulating mtime for [%s]", record->sPath.c_str());
   } else {
-    korvo::cm_strptime(mtimeText, kTimeFormat, &record->tmMtime);
+    ParseTime(mtimeText, &record->tmMtime);
   }
 
   // Numbers.  Missing fields are not checked for: outside line-by-line

@@ -8,6 +8,7 @@
 
 #include "platform/platform.h"
 #include "report/tvu_report.h"
+#include "runtime/timefmt.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_cache.h"
@@ -42,9 +43,7 @@ std::string Quoted(const std::string& text) {
 }
 
 time_t Seconds(const struct tm& t) {
-  struct tm copy = t;
-  copy.tm_isdst = -1;
-  return mktime(&copy);
+  return korvo::local_mktime(t);
 }
 
 std::wstring Wide(const std::string& narrow) {

@@ -117,3 +117,11 @@ int TqRegex::Exec(const char* subject, size_t length) const {
 bool TqRegex::Match(const char* subject) const {
   return subject != nullptr && Match(subject, std::strlen(subject));
 }
+
+bool TqRegex::DotStopsOnlyAtLineFeed() {
+  static const bool s_lf = [] {
+    int newline = 0;
+    return pcre_config(PCRE_CONFIG_NEWLINE, &newline) == 0 && newline == '\n';
+  }();
+  return s_lf;
+}

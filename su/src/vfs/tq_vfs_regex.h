@@ -48,6 +48,10 @@ class TqRegex {
   bool Match(const char* subject, size_t length) const { return Exec(subject, length) > 0; }
   bool Match(const char* subject) const;
 
+  // True when the library's "." (without options) matches every byte but the
+  // line feed; other builds also stop it at CR, VT, FF or NEL.
+  static bool DotStopsOnlyAtLineFeed();
+
  private:
   real_pcre* m_pCode = nullptr;
   pcre_extra* m_pExtra = nullptr;

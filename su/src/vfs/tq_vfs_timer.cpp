@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "platform/platform.h"
+#include "runtime/trace.h"
 
 namespace {
 
@@ -15,11 +16,20 @@ struct TIMER {
 };
 TIMER s_timers[6];
 
+// Reading the processor time is a system call.  The per-item counters are
+// read by the trace alone, so they run only while it is on; the whole
+// build's counter is also printed, and is read twice per build anyway.
+inline bool Counting(int group) { return group == vtTREE || korvo::trace_level() >= 1; }
+
 }  // namespace
 
-void VfsTimerStart(int group) { s_timers[group].iStart = static_cast<int32_t>(pf::CpuTicksMs()); }
+void VfsTimerStart(int group) {
+  if (!Counting(group)) return;
+  s_timers[group].iStart = static_cast<int32_t>(pf::CpuTicksMs());
+}
 
 void VfsTimerStop(int group) {
+  if (!Counting(group)) return;
   s_timers[group].iEnd = static_cast<int32_t>(pf::CpuTicksMs());
   s_timers[group].iTotal += s_timers[group].iEnd - s_timers[group].iStart;
 }

@@ -16,6 +16,7 @@
 #include "archive/mtf_stream.h"
 #include "platform/platform.h"
 #include "report/tvu_report.h"
+#include "runtime/timefmt.h"
 #include "runtime/text.h"
 #include "runtime/trace.h"
 #include "vfs/tq_vfs_cache.h"
@@ -36,9 +37,7 @@ struct VmdkLine {
 };
 
 time_t CatalogSeconds(const struct tm& t) {
-  struct tm copy = t;
-  copy.tm_isdst = -1;
-  return mktime(&copy);
+  return korvo::local_mktime(t);
 }
 
 // Cheap test before the full parse: a line can only matter here if it names

@@ -13,6 +13,7 @@
 #include <thrift/transport/TSocket.h>
 
 #include "n7dedup/DedupService.h"
+#include "recover_into.h"
 #include "platform/platform.h"
 #include "tqs/tq_dedup/n7dedup_errors.h"
 
@@ -126,12 +127,11 @@ int DedupClientStruct::fread_h(int32_t conid, char* buffer, int32_t n, int32_t* 
   *read = 0;
   lastReplyBytes_ = 0;
   return DedupGuard("DedupClientStruct::fread_h error while reading", __LINE__, -1, [&] {
-    client_->recover(data_, conid, n);
-    lastReplyBytes_ = static_cast<int64_t>(data_.size());
-    // A reply longer than asked is cut to the request.
-    size_t count = data_.size() < static_cast<size_t>(n) ? data_.size() : static_cast<size_t>(n);
-    memcpy(buffer, data_.data(), count);
-    *read = static_cast<int32_t>(count);
+    // The reply's bytes go from the transport straight into buffer; a reply
+    // longer than asked is cut to the request (its surplus lands in data_).
+    const int64_t length = n7dedup::RecoverInto(*client_, conid, n, buffer, &data_);
+    lastReplyBytes_ = length;
+    *read = static_cast<int32_t>(length < n ? length : n);
     return 0;
   });
 }

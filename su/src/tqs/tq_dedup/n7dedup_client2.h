@@ -86,7 +86,7 @@ class DedupClientStruct {
   int32_t status_ = -1;
   bool receiving_ = false;
   int64_t lastReplyBytes_ = 0;
-  std::string data_;  // reply buffer, reserved at 256 KiB
+  std::string data_;  // received bytes beyond a request, reserved at 256 KiB
 };
 
 // Connects to host:port and stores the new connection's handle; 0 or -1.
