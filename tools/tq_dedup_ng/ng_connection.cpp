@@ -51,7 +51,10 @@ void NgConnection::Connect() {
   // again for every block.
   constexpr uint32_t kWriteBuffer = TFramedTransport::DEFAULT_BUFFER_SIZE;
   transport_ = std::make_shared<TFramedTransport>(socket, kWriteBuffer, kKeptFrameBuffer, config);
-  client_ = std::make_unique<n7dedup::DedupServiceClient>(std::make_shared<TBinaryProtocol>(transport_));
+  // Reply strings are at most one recover reply long and lists at most a
+  // store's history: a length beyond them is refused before it is allocated.
+  client_ = std::make_unique<n7dedup::DedupServiceClient>(
+      std::make_shared<TBinaryProtocol>(transport_, kMaxRecoverBytes, 1 << 20, false, true));
   transport_->open();
 }
 

@@ -38,6 +38,16 @@ std::shared_ptr<TConfiguration> ClientConfiguration() {
   return std::make_shared<TConfiguration>(2 * kDedupMaxRead, kDedupMaxRead + (1 << 20));
 }
 
+// The binary protocol over a client transport.  A string or binary field of
+// a reply is at most one recover reply long and a list holds at most a
+// store's history; without these limits a reply that claims a 2 GB message
+// name is allocated before the frame is found to be short.
+std::shared_ptr<TBinaryProtocol> ClientProtocol(std::shared_ptr<apache::thrift::transport::TTransport> transport) {
+  constexpr int32_t kStringLimit = kDedupMaxRead;
+  constexpr int32_t kContainerLimit = 1 << 20;
+  return std::make_shared<TBinaryProtocol>(transport, kStringLimit, kContainerLimit, false, true);
+}
+
 // Checks that the server accepts TCP connections before Thrift opens its
 // transport, printing what failed.  false when the server cannot be reached.
 bool ProbeServer(const char* host, uint32_t port) {
@@ -84,9 +94,18 @@ int DedupClientStruct::Connect(const char* host, uint32_t port) {
     socket_->setRecvTimeout(kReceiveTimeoutMs);
     socket_->setSendTimeout(kSendTimeoutMs);
     transport_ = std::make_shared<TFramedTransport>(socket_, config);
-    client_ = std::make_shared<n7dedup::DedupServiceClient>(std::make_shared<TBinaryProtocol>(transport_));
+    client_ = std::make_shared<n7dedup::DedupServiceClient>(ClientProtocol(transport_));
     if (!ProbeServer(host, port)) return -1;
     transport_->open();
+    return 0;
+  });
+}
+
+int DedupClientStruct::ConnectTransport(std::shared_ptr<apache::thrift::transport::TTransport> transport) {
+  if (client_) return -1;  // already connected
+  return DedupGuard("error while connecting with upstream", __LINE__, -1, [&] {
+    transport_ = std::make_shared<TFramedTransport>(transport, ClientConfiguration());
+    client_ = std::make_shared<n7dedup::DedupServiceClient>(ClientProtocol(transport_));
     return 0;
   });
 }

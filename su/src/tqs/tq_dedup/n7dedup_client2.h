@@ -57,6 +57,9 @@ class DedupClientStruct {
 
   // Builds the client, probes the server and opens the transport; 0 or -1.
   int Connect(const char* host, uint32_t port);
+  // Builds the client over a transport that is open already, framed and
+  // with the binary protocol as over a socket (tests: replies from memory).
+  int ConnectTransport(std::shared_ptr<apache::thrift::transport::TTransport> transport);
   // Starts receiving an object; returns the service's result (the conid,
   // which the struct keeps), or -1.
   int startRecv_h(const char* name);
