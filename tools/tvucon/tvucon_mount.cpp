@@ -38,6 +38,11 @@ constexpr double kCacheSeconds = 3600.0;
 
 uid_t g_uid = 0;
 gid_t g_gid = 0;
+// Folders the catalog does not list (made up to hold a path) have no times
+// of their own: they show this one.
+time_t g_folderTime = 0;
+// The bytes of data of the whole tree, for statfs.
+uint64_t g_treeBytes = 0;
 
 // The one place where results become FUSE's convention (0 or -errno).  The
 // tree API answers errno values; a negative value is taken as -errno already,
@@ -77,9 +82,10 @@ void FillStat(const tvu::NodeInfo& info, struct stat* st) {
   st->st_uid = g_uid;
   st->st_gid = g_gid;
   st->st_blksize = kMaxRead;
-  st->st_mtim.tv_sec = info.mtime;
-  st->st_ctim.tv_sec = info.ctime;
-  st->st_atim.tv_sec = info.mtime;
+  const time_t mtime = info.mtime ? info.mtime : g_folderTime;
+  st->st_mtim.tv_sec = mtime;
+  st->st_ctim.tv_sec = info.ctime ? info.ctime : mtime;
+  st->st_atim.tv_sec = mtime;
 }
 
 // Names the kernel could not take as one directory entry.
@@ -231,6 +237,8 @@ int OnStatfs(const char*, struct statvfs* sv) {
   memset(sv, 0, sizeof *sv);
   sv->f_bsize = kMaxRead;
   sv->f_frsize = 4096;
+  // The tree's size, all of it in use: df shows what the chain holds.
+  sv->f_blocks = (g_treeBytes + sv->f_frsize - 1) / sv->f_frsize;
   sv->f_namemax = 255;
   sv->f_flag = ST_RDONLY | ST_NOSUID;
   return 0;
@@ -305,10 +313,17 @@ int AbsoluteMountPoint(const std::string& mountpoint, std::string* absolute, std
   }
   *absolute = real;
   free(real);
-  struct stat st;
+  struct stat st, parent;
   if (stat(absolute->c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     *error = "not a folder";
     return ENOTDIR;
+  }
+  // A folder on another device than its parent (or the root) is a mount
+  // already: mounting over it would hide it.
+  if (stat((*absolute + "/..").c_str(), &parent) == 0 &&
+      (parent.st_dev != st.st_dev || parent.st_ino == st.st_ino)) {
+    *error = "is a mount point already (fusermount3 -u " + *absolute + " ends that mount)";
+    return EBUSY;
   }
   return 0;
 }
@@ -327,7 +342,10 @@ void AbsoluteIniPath() {
 
 }  // namespace
 
-int TvuconMount(const std::string& mountpoint, bool foreground, bool debug, std::string* error) {
+int TvuconMount(const std::string& mountpoint, bool foreground, bool debug, time_t folderTime, uint64_t treeBytes,
+                std::string* error) {
+  g_folderTime = folderTime;
+  g_treeBytes = treeBytes;
   if (!tvu::IsOpen()) {
     *error = "the tree is not open";
     return EINVAL;
