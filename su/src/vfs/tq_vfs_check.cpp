@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cctype>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string_view>
+#include <unordered_map>
 
 #include "archive/cpio_format.h"
 #include "platform/platform.h"
@@ -30,6 +33,7 @@ constexpr size_t kLongestLine = LIS_LINE_BUFFER - 1;
 // Bytes read at an item's offset: the largest header with the longest name
 // and its fill bytes.
 constexpr size_t kRecordProbe = 128 + cpio::kMaxNameSize + 8;
+constexpr size_t kFirstProbe = 512;
 
 std::string Format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Format(const char* format, ...) {
@@ -43,36 +47,44 @@ std::string Format(const char* format, ...) {
 
 std::string U64(uint64_t v) { return std::to_string(v); }
 
-bool IsDigits(const std::string& s, size_t from, size_t n) {
+bool IsDigits(std::string_view s, size_t from, size_t n) {
   for (size_t i = from; i < from + n; ++i)
     if (i >= s.size() || s[i] < '0' || s[i] > '9') return false;
   return true;
 }
 
 // "YYYY-MM-DD" and "HH:MM:SS" in shape.
-bool IsDate(const std::string& s) {
+bool IsDate(std::string_view s) {
   return s.size() == 10 && IsDigits(s, 0, 4) && s[4] == '-' && IsDigits(s, 5, 2) && s[7] == '-' && IsDigits(s, 8, 2);
 }
-bool IsClock(const std::string& s) {
+bool IsClock(std::string_view s) {
   return s.size() == 8 && IsDigits(s, 0, 2) && s[2] == ':' && IsDigits(s, 3, 2) && s[5] == ':' && IsDigits(s, 6, 2);
 }
-bool IsInteger(const std::string& s) {
-  size_t i = !s.empty() && s[0] == '-' ? 1 : 0;
-  return s.size() > i && IsDigits(s, i, s.size() - i);
+bool IsInteger(std::string_view s, bool signedAllowed) {
+  size_t i = signedAllowed && !s.empty() && s[0] == '-' ? 1 : 0;
+  return s.size() > i && s.size() - i <= 20 && IsDigits(s, i, s.size() - i);
 }
 
 // Splits at single blanks: two blanks in a row give an empty field.
-std::vector<std::string> SplitFields(const char* p, const char* end) {
-  std::vector<std::string> fields;
+void SplitFields(const char* p, const char* end, std::vector<std::string_view>* fields) {
+  fields->clear();
   const char* start = p;
   for (; p < end; ++p) {
     if (*p == ' ') {
-      fields.emplace_back(start, p);
+      fields->emplace_back(start, static_cast<size_t>(p - start));
       start = p + 1;
     }
   }
-  fields.emplace_back(start, end);
-  return fields;
+  fields->emplace_back(start, static_cast<size_t>(end - start));
+}
+
+// A decimal number as the parser reads it ("%llu": a minus negates modulo
+// 2^64); the field has been checked to be digits with an optional minus.
+uint64_t FieldU64(std::string_view f) {
+  const bool negative = !f.empty() && f[0] == '-';
+  uint64_t v = 0;
+  for (size_t i = negative ? 1 : 0; i < f.size(); ++i) v = v * 10 + static_cast<unsigned>(f[i] - '0');
+  return negative ? 0 - v : v;
 }
 
 // A record's name and a catalog path compare without a leading "./" or "/".
@@ -144,6 +156,7 @@ int ChainPlan::Open(const std::string& saveset, std::string* error) {
     saveset_table_free();
     return ENOENT;
   }
+  names_.clear();
   catalog_ = pf::OsPath(ConsolidationArgs()->pszCatalogPath);
   catalogType_ = g_iCatalogType;
   CatalogSetLineByLine(true);
@@ -205,7 +218,11 @@ bool ChainPlan::ReadLine(std::string* line) {
 }
 
 int ChainPlan::ParseLine(const std::string& line, PlanItem* item, std::string* why) {
-  if (IsIgnoredLine(line.c_str())) return 0;
+  // The patterns of lines that are not items all begin with a quote and one
+  // of these letters (or not with a quote at all): an item line that begins
+  // otherwise needs no pattern run.
+  const bool plainItem = line.size() > 1 && line[0] == '"' && !strchr("DEIST", line[1]);
+  if (!plainItem && IsIgnoredLine(line.c_str())) return 0;
   if (line.size() > kLongestLine) {
     *why = "the line is " + U64(line.size()) + " characters long; the consolidation reads lines of at most " +
            U64(kLongestLine);
@@ -236,8 +253,8 @@ int ChainPlan::ParseLine(const std::string& line, PlanItem* item, std::string* w
     *why = "nothing after the item type";
     return -1;
   }
-  std::vector<std::string> f = SplitFields(typeEnd + 1, end);
-  const int32_t shape = DetectCatalogTypeByLine(line.c_str());
+  static thread_local std::vector<std::string_view> f;
+  SplitFields(typeEnd + 1, end, &f);
   const size_t numbers = NumbersOf(catalogType_);
   if (f.size() < 4 || !(IsDate(f[0]) || f[0] == "0000-00-00") || !IsClock(f[1])) {
     *why = "the change time is not YYYY-MM-DD HH:MM:SS";
@@ -252,64 +269,81 @@ int ChainPlan::ParseLine(const std::string& line, PlanItem* item, std::string* w
       *why = Format("%zu numbers where an %s line has %zu", i, TypeText(catalogType_), numbers);
       return -1;
     }
-    if (!IsInteger(f[4 + i])) {
-      *why = Format("number %zu \"%s\" is not a number", i + 1, f[4 + i].c_str());
+    // Only the numbers after the first of a version-2 line may be negative.
+    if (!IsInteger(f[4 + i], IsVersion2(catalogType_) && i > 0)) {
+      *why = Format("number %zu \"%.*s\" is not a number", i + 1, static_cast<int>(f[4 + i].size()), f[4 + i].data());
       return -1;
     }
   }
-  if (shape != catalogType_) {
-    *why = Format("the line has the fields of an %s line in an %s catalog", TypeText(shape), TypeText(catalogType_));
-    return -1;
-  }
-  std::string savesetName;
+  int32_t saveset = 0;
   if (IsLsl(catalogType_)) {
     const size_t at = 4 + numbers;
     if (at >= f.size() || f[at].empty()) {
       *why = "no saveset name after the numbers";
       return -1;
     }
+    const std::string name(f[at]);
     if (at + 1 >= f.size()) {
-      *why = "the saveset name \"" + f[at] + "\" has no blank after it, so the consolidation cannot read it";
+      *why = "the saveset name \"" + name + "\" has no blank after it, so the consolidation cannot read it";
       return -1;
     }
-    savesetName = f[at];
-    if (saveset_find_by_name(savesetName.c_str()) < 0) {
-      *why = "saveset \"" + savesetName + "\" is not in the saveset list";
+    auto known = names_.find(name);
+    if (known == names_.end()) known = names_.emplace(name, saveset_find_by_name(name.c_str())).first;
+    saveset = known->second;
+    if (saveset < 0) {
+      *why = "saveset \"" + name + "\" is not in the saveset list";
       return -1;
     }
   }
-  // Version 1: the second number is the record's end.
-  const uint64_t first = strtoull(f[4].c_str(), nullptr, 10);
-  const uint64_t second = strtoull(f[5].c_str(), nullptr, 10);
-  if (!IsVersion2(catalogType_) && second < first) {
-    *why = "the record ends at " + U64(second) + ", before it starts at " + U64(first);
+  // The consolidation reads each line by its own shape: one that does not
+  // have the catalog's would be read with other meanings of its numbers.
+  // A version-2 line whose fields passed the checks above has the version-2
+  // shape when its type is one letter, no quote follows the path and the
+  // saveset name is letters, digits and "@" (what the pattern asks beyond
+  // those checks); any other line is matched against the pattern.
+  bool shaped = IsVersion2(catalogType_) && typeEnd == line.data() + close + 3 &&
+                memchr(line.data() + close + 1, '"', line.size() - close - 1) == nullptr;
+  if (shaped && IsLsl(catalogType_))
+    for (char ch : f[4 + numbers]) shaped = shaped && (isalnum(static_cast<unsigned char>(ch)) || ch == '@');
+  const int32_t shape = shaped ? catalogType_ : DetectCatalogTypeByLine(line.c_str());
+  if (shape != catalogType_) {
+    *why = Format("the line has the fields of an %s line in an %s catalog", TypeText(shape), TypeText(catalogType_));
     return -1;
   }
 
-  LIS_ENTRY e;
-  if (ParseSavesetEntry(&e, line.c_str(), "fd") != 0) return 0;
-  if (e.ullOffset + e.ullSize < e.ullOffset) {
-    *why = "offset " + U64(e.ullOffset) + " plus size " + U64(e.ullSize) + " is beyond any saveset";
-    return -1;
-  }
+  // The numbers as the consolidation reads them (each line by its shape).
+  const uint64_t first = FieldU64(f[4]);
+  const uint64_t second = FieldU64(f[5]);
   item->line = lineNo_;
-  item->path = e.sPath;
-  item->type = e.cType;
-  item->ctime = f[0] + " " + f[1];
-  item->mtime = f[2] + " " + f[3];
-  item->saveset = e.iSavesetIdx;
-  item->offset = e.ullOffset;
-  item->span = e.ullSize;
+  item->path.assign(line, open + 1, close - open - 1);
+  item->type = type;
+  item->ctime.assign(f[0].data(), 19);
+  item->mtime.assign(f[2].data(), 19);
+  item->saveset = saveset;
+  item->offset = first;
   if (IsVersion2(catalogType_)) {
-    item->relOffset = e.llRelOffset > 0 ? e.llRelOffset : 0;
-    item->dataSize = e.llFourth > 0 ? static_cast<uint64_t>(e.llFourth) : 0;
-    item->inode = strtoull(f[8].c_str(), nullptr, 10);
+    const int64_t rel = static_cast<int64_t>(second);
+    const int64_t fourth = static_cast<int64_t>(FieldU64(f[7]));
+    item->relOffset = type == 'f' && rel > 0 ? rel : 0;
+    item->span = FieldU64(f[6]);
+    item->dataSize = fourth > 0 ? static_cast<uint64_t>(fourth) : 0;
+    item->inode = FieldU64(f[8]);
   } else {
+    // Version 1: the second number is the record's end.
+    if (second < first) {
+      *why = "the record ends at " + U64(second) + ", before it starts at " + U64(first);
+      return -1;
+    }
     item->relOffset = 0;
-    item->dataSize = strtoull(f[6].c_str(), nullptr, 10);
+    item->span = second - first;
+    item->dataSize = FieldU64(f[6]);
     item->inode = 0;
   }
   if (item->type == 'd') item->dataSize = 0;
+  if (item->offset + item->span < item->offset) {
+    *why = "offset " + U64(item->offset) + " plus size " + U64(item->span) + " is beyond any saveset";
+    return -1;
+  }
   return 1;
 }
 
@@ -381,11 +415,17 @@ int ChainPlan::Check(bool records, CheckSummary* s, const CheckProgress& progres
     uint64_t at = it.offset;
     const uint64_t size = sizes_[static_cast<size_t>(it.saveset)];
     for (int pass = 0; pass < 2; ++pass) {
-      const uint64_t n = ReadSavesetAt(it.saveset, at, probe.get(), std::min<uint64_t>(kRecordProbe, size - at));
+      // Most names are short: a small read first, the longest header only
+      // when the name needs it.
+      uint64_t n = ReadSavesetAt(it.saveset, at, probe.get(), std::min<uint64_t>(kFirstProbe, size - at));
       cpio::Header h;
       size_t headerLen = 0;
       std::string why;
       cpio::DecodeResult r = cpio::DecodeHeader(probe.get(), n, &h, &headerLen, &why);
+      if (r == cpio::DecodeResult::kTruncated && n == kFirstProbe && headerLen <= kRecordProbe) {
+        n = ReadSavesetAt(it.saveset, at, probe.get(), std::min<uint64_t>(kRecordProbe, size - at));
+        r = cpio::DecodeHeader(probe.get(), n, &h, &headerLen, &why);
+      }
       ++s->recordsChecked;
       if (r == cpio::DecodeResult::kTruncated) {
         problem(it.line, "the record in " + where + " is cut by the saveset's end");

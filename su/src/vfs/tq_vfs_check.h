@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <functional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace tvu {
@@ -116,13 +117,16 @@ class ChainPlan {
 
  private:
   bool ReadLine(std::string* line);
-  // Parses one line; 1 for an item of type f or d, 0 for a line passed over,
-  // -1 for a problem (*why set).
+  // Reads one line as the consolidation does (strictly: a line that would
+  // be read in any other way than its catalog's type says is a problem); 1
+  // for an item of type f or d, 0 for a line passed over, -1 for a problem
+  // (*why set).
   int ParseLine(const std::string& line, PlanItem* item, std::string* why);
 
   bool open_ = false;
   std::string catalog_, metaDir_;
   int32_t catalogType_ = 0;
+  std::unordered_map<std::string, int32_t> names_;  // saveset names looked up
   std::vector<bool> readable_;    // per saveset: opened
   std::vector<uint64_t> sizes_;   // per saveset: size in bytes
   FILE* fp_ = nullptr;
