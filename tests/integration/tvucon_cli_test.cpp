@@ -389,3 +389,23 @@ TEST(TvuconExport, KeepsModificationTimesAndRefusesToOverwrite) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(TvuconRules, UnknownAndIncompleteRulesAreWarnedAboutWithTheirLine) {
+  TempDir tmp;
+  Chain c = MakeChain(tmp);
+  WriteFile(tmp / "rules.map", "# placed files\nMAPTO \"/copies\"\nLOCALFS f \"" + c.ini + "\" \"tq.ini\"\n"
+                               "FROBNICATE f \"x\"\nSAVESET f\n");
+  ProcessResult r = Tvucon(c, "ls", {"--rules", tmp / "rules.map", "/MAPPER/copies"});
+  EXPECT_EQ(0, r.exitCode) << r.err;
+  EXPECT_TRUE(Contains(r.out, "tq.ini")) << r.out;
+  EXPECT_TRUE(Contains(r.err, tmp / "rules.map" + ":4: warning: unknown rule \"FROBNICATE\" is ignored")) << r.err;
+  EXPECT_TRUE(Contains(r.err, tmp / "rules.map" + ":5: warning: SAVESET rule without a source")) << r.err;
+  EXPECT_EQ(2u, Count(r.err, "warning"));
+  r = Tvucon(c, "ls", {"--rules", tmp / "missing.map", "/"});
+  EXPECT_EQ(1, r.exitCode);
+  EXPECT_TRUE(Contains(r.err, "cannot read the rules file " + tmp / "missing.map")) << r.err;
+}
+
+}  // namespace

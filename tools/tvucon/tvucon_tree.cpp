@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <utime.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -281,6 +282,41 @@ int CmdExport(const TvuconOptions& o) {
   return rc;
 }
 
+// Reads the rules file the way the tree will and warns, with file and line,
+// about what the tree will pass over: unknown rules (the format ignores
+// them) and rules without a source in double quotes.  False, with a message,
+// when the file cannot be read at all.
+bool LintRules(const std::string& path) {
+  FILE* fp = pf::FOpen(path.c_str(), "r");
+  if (!fp) {
+    fprintf(stderr, "tvucon: cannot read the rules file %s: %s\n", path.c_str(), pf::ErrorText(pf::LastError()).c_str());
+    return false;
+  }
+  static const char* const kRules[] = {"MAPTO", "LOCALFS", "SAVESET", "BITMERGE_FULL", "BITMERGE_INC",
+                                       "SAVESET2VHD", "VHDXMERGE", "LIS", "BITMERGE_BITMAP"};
+  char buffer[8192];
+  int lineNo = 0;
+  while (fgets(buffer, sizeof buffer, fp)) {
+    ++lineNo;
+    std::string line = buffer;
+    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+    const size_t first = line.find_first_not_of(" \t");
+    if (first == std::string::npos || line[first] == '#') continue;
+    line.erase(0, first);
+    const std::string token = line.substr(0, line.find(' '));
+    bool known = false;
+    for (const char* rule : kRules) known = known || token == rule;
+    if (!known) {
+      fprintf(stderr, "tvucon: %s:%d: warning: unknown rule \"%s\" is ignored\n", path.c_str(), lineNo, token.c_str());
+    } else if (std::count(line.begin(), line.end(), '"') < 2) {
+      fprintf(stderr, "tvucon: %s:%d: warning: %s rule without a %s in double quotes is ignored\n", path.c_str(),
+              lineNo, token.c_str(), token == "MAPTO" ? "folder" : "source");
+    }
+  }
+  fclose(fp);
+  return true;
+}
+
 }  // namespace
 
 bool IsTreeCommand(const std::string& c) {
@@ -299,6 +335,7 @@ int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook, FILE* out) {
   options.rct = o.rct;
   std::string error;
   g_json = o.json;
+  if (!o.rules.empty() && !LintRules(o.rules)) return 1;
   time_t folderTime = 0;
   uint64_t treeBytes = 0;
   {
