@@ -6,7 +6,10 @@
 //     those of the process that mounts; sizes and times come from the tree;
 //     directories report one link (their subdirectory count is unknown
 //     before they are listed), files one.
-//   - listings show ".", ".." and the tree's entries in the tree's order.
+//   - listings show ".", ".." and the tree's entries in the tree's order; a
+//     folder is listed once when opened and paged from that listing, each
+//     page with the entries' attributes and nodes (readdirplus), so a cold
+//     listing needs no lookup per entry; the kernel may cache listings.
 //   - opening for writing, and every operation that would change the tree
 //     (create, write, truncate, mkdir, unlink, rename, chmod, ...), fail with
 //     EROFS; a path that is not in the tree fails with the tree's errno
