@@ -6,6 +6,7 @@
 #include <cinttypes>
 
 #include "archive/cpio_format.h"
+#include "archive/dump_format.h"
 #include "platform/platform.h"
 
 namespace {
@@ -39,7 +40,8 @@ int StreamFollower::Start(std::string* error) {
       return 1;
     }
     // The header says version 2, so that readers take every line as such.
-    fprintf(catalog_, "Tape ID: %s Tape Label: %s Format: CPIO LIS: 2.0\n", name_.c_str(), name_.c_str());
+    fprintf(catalog_, "Tape ID: %s Tape Label: %s Format: %s LIS: 2.0\n", name_.c_str(), name_.c_str(),
+            plan_->IsDump() ? "DUMP" : "CPIO");
   }
   // Items that lie wholly before a resumed stream's start are written now.
   Feed(nullptr, 0);
@@ -53,7 +55,7 @@ void StreamFollower::WriteLine(const tvu::PlanItem& it) {
   } else {
     ++files_;
     lastFile_ = it.streamOffset;
-    dataBytes_ += it.dataSize;
+    dataBytes_ += it.dataSize;  // the footer's total
   }
   if (!catalog_) return;
   fprintf(catalog_, "\"%s\" %c %s %s %" PRIu64 " %" PRId64 " %" PRIu64 " %" PRIu64 " %" PRIu64 " 0 %s \n",
@@ -66,6 +68,17 @@ void StreamFollower::Verify(const tvu::PlanItem& it) {
   const std::string where = "stream offset " + std::to_string(it.streamOffset) + " (catalog line " +
                             std::to_string(it.line) + ")";
   auto problem = [&](const std::string& what) { problems_.push_back(where + ": " + what); };
+  if (plan_->IsDump()) {
+    // A dump stream: the inode header of the item's kind.
+    dump::Header h;
+    if (probe_.size() < dump::kRecordSize) return problem("the record is cut short");
+    const dump::Check c = dump::DecodeHeader(reinterpret_cast<const uint8_t*>(probe_.data()), &h);
+    if (c != dump::Check::kOk) return problem(std::string("no dump header: ") + dump::CheckText(c));
+    if (h.type != dump::kTsInode) return problem("no inode header (type " + std::to_string(h.type) + ")");
+    const bool isDir = (h.mode & 0170000) == 0040000;
+    if (isDir != (it.type == 'd')) return problem(isDir ? "the inode is a folder, the line a file" : "the inode is no folder");
+    return;
+  }
   size_t at = 0;
   for (int pass = 0; pass < 2; ++pass) {
     cpio::Header h;
@@ -101,11 +114,12 @@ void StreamFollower::Feed(const char* data, size_t n) {
         return;
       }
       haveCur_ = true;
-      curChecked_ = !verify_ || cur_.streamOffset < from_;
+      // Records are checked in CPIO and dump streams; others pass.
+      curChecked_ = !verify_ || cur_.streamOffset < from_ || (!plan_->IsCpio() && !plan_->IsDump());
       probe_.clear();
     }
     if (!curChecked_) {
-      const uint64_t want = std::min<uint64_t>(cur_.span, kProbe);
+      const uint64_t want = std::min<uint64_t>(cur_.span, plan_->IsDump() ? dump::kRecordSize : kProbe);
       const uint64_t next = cur_.streamOffset + probe_.size();
       if (next < start) {
         // The line goes back into bytes already gone (a catalog that was

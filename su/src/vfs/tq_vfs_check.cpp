@@ -14,6 +14,7 @@
 #include <unordered_map>
 
 #include "archive/cpio_format.h"
+#include "archive/dump_format.h"
 #include "platform/platform.h"
 #include "report/tvu_report.h"
 #include "runtime/ini.h"
@@ -210,6 +211,7 @@ std::string ChainPlan::Unreadable() const {
 }
 
 bool ChainPlan::IsCpio() const { return ConsolidationArgs()->iSavesetType == sdtCPIO; }
+bool ChainPlan::IsDump() const { return ConsolidationArgs()->iSavesetType == sdtDUMP; }
 
 bool ChainPlan::ReadLine(std::string* line) {
   if (!fp_ || !korvo::read_line(fp_, line)) return false;
@@ -322,11 +324,11 @@ int ChainPlan::ParseLine(const std::string& line, PlanItem* item, std::string* w
   item->saveset = saveset;
   item->offset = first;
   if (IsVersion2(catalogType_)) {
-    const int64_t rel = static_cast<int64_t>(second);
-    const int64_t fourth = static_cast<int64_t>(FieldU64(f[7]));
-    item->relOffset = type == 'f' && rel > 0 ? rel : 0;
+    // Kept as written: a new catalog carries them on with their meaning
+    // (a dump chain's -1, "not located", stays -1).
+    item->relOffset = static_cast<int64_t>(second);
     item->span = FieldU64(f[6]);
-    item->dataSize = fourth > 0 ? static_cast<uint64_t>(fourth) : 0;
+    item->dataSize = FieldU64(f[7]);
     item->inode = FieldU64(f[8]);
   } else {
     // Version 1: the second number is the record's end.
@@ -339,7 +341,6 @@ int ChainPlan::ParseLine(const std::string& line, PlanItem* item, std::string* w
     item->dataSize = FieldU64(f[6]);
     item->inode = 0;
   }
-  if (item->type == 'd') item->dataSize = 0;
   if (item->offset + item->span < item->offset) {
     *why = "offset " + U64(item->offset) + " plus size " + U64(item->span) + " is beyond any saveset";
     return -1;
@@ -465,6 +466,28 @@ int ChainPlan::Check(bool records, CheckSummary* s, const CheckProgress& progres
     }
   };
 
+  // A dump saveset: the record at an item's offset is the header of an inode
+  // of the item's kind, and the line covers it and its data records.
+  auto checkDumpRecord = [&](const PlanItem& it) {
+    const std::string where = "saveset " + SavesetBase(it.saveset) + " at offset " + U64(it.offset);
+    uint8_t record[dump::kRecordSize];
+    const uint64_t n = ReadSavesetAt(it.saveset, it.offset, reinterpret_cast<char*>(record), sizeof record);
+    ++s->recordsChecked;
+    dump::Header h;
+    const dump::Check c = n == sizeof record ? dump::DecodeHeader(record, &h) : dump::Check::kBadMagic;
+    if (n != sizeof record) return problem(it.line, "the record in " + where + " is cut by the saveset's end");
+    if (c != dump::Check::kOk) return problem(it.line, std::string("no dump header in ") + where + ": " + dump::CheckText(c));
+    if (h.type != dump::kTsInode) return problem(it.line, "the record in " + where + " is no inode header (type " +
+                                                              std::to_string(h.type) + ")");
+    const bool isDir = (h.mode & 0170000) == 0040000;
+    if (it.type == 'd' && !isDir) problem(it.line, "the inode in " + where + " is no folder");
+    if (it.type == 'f' && isDir) problem(it.line, "the inode in " + where + " is a folder, the line a file");
+    const uint64_t needed = (1 + static_cast<uint64_t>(h.DataRecords())) * dump::kRecordSize;
+    if (it.span < needed)
+      problem(it.line, "the line covers " + U64(it.span) + " bytes, the inode in " + where + " and its data need " +
+                           U64(needed));
+  };
+
   std::string line, why;
   PlanItem it;
   while (ReadLine(&line)) {
@@ -478,7 +501,7 @@ int ChainPlan::Check(bool records, CheckSummary* s, const CheckProgress& progres
     if (r < 0) problem(lineNo_, why);
     if (r != 1) continue;
     ++s->items;
-    s->dataBytes += it.dataSize;
+    if (it.type == 'f') s->dataBytes += IsCpio() ? it.dataSize : it.span;
     const uint64_t end = it.offset + it.span;
     if (inRun && run.saveset != it.saveset) closeRun();
     if (!inRun) {
@@ -508,6 +531,7 @@ int ChainPlan::Check(bool records, CheckSummary* s, const CheckProgress& progres
       continue;
     }
     if (records && IsCpio()) checkRecord(it);
+    if (records && IsDump()) checkDumpRecord(it);
   }
   closeRun();
   if (s->items == 0) problem(0, "the catalog lists no items to stream");

@@ -10,7 +10,8 @@
 //   - Check() lists every problem the stream would suffer from: lines that
 //     do not parse or name no known saveset, lines that run backward or
 //     shorten their run, ranges past a saveset's end, records at an item's
-//     offset that are not the item the line names, a catalog without items;
+//     offset that are not the item the line names (CPIO and dump savesets),
+//     a catalog without items;
 //   - Next() hands out the catalog's items one by one with the offset each
 //     gets in the stream (what a catalog of the new saveset says);
 //   - ReadStream() reads the stream at any offset straight from the
@@ -51,9 +52,11 @@ struct PlanItem {
   std::string ctime, mtime;    // as written ("YYYY-MM-DD HH:MM:SS")
   int32_t saveset = -1;
   uint64_t offset = 0;         // the item's record in its saveset
-  int64_t relOffset = 0;       // data start relative to the record (0: not located)
+  // The numbers after the offset as a version-2 line writes them (a
+  // version-1 line gives relOffset 0 and inode 0).
+  int64_t relOffset = 0;       // data start relative to the record (0 or less: not located)
   uint64_t span = 0;           // record bytes the line covers
-  uint64_t dataSize = 0;       // the item's data bytes
+  uint64_t dataSize = 0;       // the item's data bytes (CPIO savesets)
   uint64_t inode = 0;
   uint64_t streamOffset = 0;   // the record's offset in the stream
 };
@@ -63,7 +66,7 @@ struct CheckSummary {
   uint64_t items = 0;          // item lines streamed (types f and d)
   uint64_t recordsChecked = 0; // records read at items' offsets
   uint64_t streamBytes = 0;    // the stream's length (without a trailer)
-  uint64_t dataBytes = 0;      // the items' data bytes
+  uint64_t dataBytes = 0;      // the files' data bytes (dump savesets: their records' bytes)
   std::vector<PlanRun> runs;
   std::vector<CheckProblem> problems;
 };
@@ -96,6 +99,7 @@ class ChainPlan {
   std::vector<std::string> SavesetNames() const;
   // True when the savesets hold CPIO item streams (records can be checked).
   bool IsCpio() const;
+  bool IsDump() const;
   // What of the chain cannot be read (the catalog, savesets), as one
   // sentence; empty when everything opens.
   std::string Unreadable() const;
