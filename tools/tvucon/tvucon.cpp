@@ -207,10 +207,6 @@ int RunConsolidate(const TvuconOptions& o, FILE* data) {
                 o.saveset.c_str(), summary.problems.size(), summary.problems.size() == 1 ? "" : "s");
       return 1;
     }
-    if (!plan.Unreadable().empty() && o.noCheck && summary.items == 0) {
-      fprintf(stderr, "tvucon: %s\n", plan.Unreadable().c_str());
-      return 1;
-    }
   } else {
     std::string metaDir, error;
     if (tvu::FindConsolidation(o.saveset, &metaDir, &error) != 0) {
@@ -223,6 +219,11 @@ int RunConsolidate(const TvuconOptions& o, FILE* data) {
             o.resumeFrom, o.saveset.c_str(), summary.streamBytes);
     return 1;
   }
+
+  const bool follow = o.verify || !o.catalogOut.empty();
+  // The chain stays loaded here only while the stream needs it (its layout
+  // for the new catalog and the verification, its savesets for resuming).
+  if (needPlan && !follow && !o.resume) plan.Close();
 
   Module m;
   std::unique_ptr<StreamSource> source;
@@ -266,7 +267,6 @@ int RunConsolidate(const TvuconOptions& o, FILE* data) {
   setvbuf(out, outBuffer.get(), _IOFBF, o.blockSize);
 
   StreamFollower follower(&plan, o.catalogOut, o.catalogName, o.verify, o.resume ? o.resumeFrom : 0);
-  const bool follow = o.verify || !o.catalogOut.empty();
   int status = 0;
   if (follow && follower.Start(&error) != 0) {
     fprintf(stderr, "tvucon: %s\n", error.c_str());
