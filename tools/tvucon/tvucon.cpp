@@ -201,10 +201,11 @@ int RunConsolidate(const TvuconOptions& o, FILE* data) {
   if (needPlan) {
     TvuconOptions checkOptions = o;
     checkOptions.noRecords = o.noCheck;  // the layout alone when the check is not wanted
-    if (CheckChain(checkOptions, &plan, &summary, stderr) != 0 && !o.noCheck) {
-      if (!summary.problems.empty())
-        fprintf(stderr, "tvucon: not consolidating %s: its chain has %zu problem%s (--no-check streams anyway)\n",
-                o.saveset.c_str(), summary.problems.size(), summary.problems.size() == 1 ? "" : "s");
+    const int checked = CheckChain(checkOptions, &plan, &summary, stderr);
+    if (checked == 2) return 1;
+    if (checked != 0 && !o.noCheck) {
+      fprintf(stderr, "tvucon: not consolidating %s: its chain has %zu problem%s (--no-check streams anyway)\n",
+              o.saveset.c_str(), summary.problems.size(), summary.problems.size() == 1 ? "" : "s");
       return 1;
     }
   } else {
