@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/platform.h"
+#include "runtime/text.h"
 #include "tvucon/tvucon_progress.h"
 #include "vfs/tq_vfs_check.h"
 #include "tvu_con.h"
@@ -294,12 +295,10 @@ bool LintRules(const std::string& path) {
   }
   static const char* const kRules[] = {"MAPTO", "LOCALFS", "SAVESET", "BITMERGE_FULL", "BITMERGE_INC",
                                        "SAVESET2VHD", "VHDXMERGE", "LIS", "BITMERGE_BITMAP"};
-  char buffer[8192];
+  std::string line;
   int lineNo = 0;
-  while (fgets(buffer, sizeof buffer, fp)) {
+  while (korvo::read_line(fp, &line)) {
     ++lineNo;
-    std::string line = buffer;
-    while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
     const size_t first = line.find_first_not_of(" \t");
     if (first == std::string::npos || line[first] == '#') continue;
     line.erase(0, first);
