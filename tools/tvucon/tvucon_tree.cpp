@@ -232,8 +232,8 @@ int SetTimes(const std::string& target, time_t mtime) {
   return utime(target.c_str(), &times) == 0 ? 0 : errno;
 }
 
-int CmdExport(const TvuconOptions& o) {
-  Progress progress(o.progress, "export", "bytes", 0);
+int CmdExport(const TvuconOptions& o, uint64_t total) {
+  Progress progress(o.progress, "export", "bytes", total);
   ExportContext ctx;
   ctx.from = o.path == "/" ? "" : o.path;
   ctx.to = o.destination;
@@ -350,7 +350,10 @@ int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook, FILE* out) {
       fprintf(stderr, "tvucon: cannot open the tree of %s: %s\n", o.saveset.c_str(), missing.c_str());
       return 1;
     }
-    if (o.command == "mount") {
+    // The tree's data size: what df shows of a mount, and the total of an
+    // export of the whole tree (known before its first byte).
+    const bool wholeExport = o.command == "export" && o.path == "/" && o.progress != "none";
+    if (o.command == "mount" || wholeExport) {
       time_t ctime = 0;
       pf::FileTimes(plan.CatalogPath().c_str(), &ctime, &folderTime);
       tvu::CheckSummary summary;
@@ -367,7 +370,7 @@ int RunTreeCommand(const TvuconOptions& o, DB_TEXT_FN traceHook, FILE* out) {
   else if (o.command == "stat") status = CmdStat(o, out);
   else if (o.command == "cat") status = CmdCat(o, out);
   else if (o.command == "find") status = CmdFind(o, out);
-  else if (o.command == "export") status = CmdExport(o);
+  else if (o.command == "export") status = CmdExport(o, o.path == "/" ? treeBytes : 0);
   else {
     status = TvuconMount(o.path, o.foreground, o.debug, folderTime, treeBytes, &error) == 0 ? 0 : 1;
     if (status != 0) fprintf(stderr, "tvucon: mount %s: %s\n", o.path.c_str(), error.c_str());
