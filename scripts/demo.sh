@@ -126,7 +126,7 @@ echo "== a chain of MTF savesets: a full and three incremental data sets in Micr
   sed "s/^/  /"
 mcon=$(sed -n 's/^consolidate=//p' "$demo/mtf/chain.txt")
 mtvucon() { "$root/build/tvucon" "$1" --saveset "$mcon" --ini "$demo/mtf/tq.ini" "${@:2}"; }
-mtvucon consolidate --output "$demo/mtf.stream" --quiet
+mtvucon consolidate --raw --output "$demo/mtf.stream" --quiet
 cmp -s "$demo/mtf.stream" "$demo/mtf/expected.mtf" || { echo "  MTF consolidation differs from the catalog's runs" >&2; exit 1; }
 echo "  consolidated stream ($(stat -c %s "$demo/mtf.stream") bytes) is the catalog's runs, block for block"
 mtvucon export / "$demo/mtf-export" 2>&1 | sed "s/^/  /"
@@ -138,6 +138,67 @@ while IFS= read -r -d '' f; do
 done < <(find "$demo/mtf/final" -type f -print0)
 echo "  tvucon cat of all $mtf_files files (each located in its data set by its FILE block) matches the final state"
 # ---- MTF savesets (end) ------------------------------------------------------
+
+# ---- tvucon: a checked consolidation as the full backup of a second chain ----
+echo "== check, then a consolidation whose result (stream and catalog) is the full of a second chain"
+"$root/build/tvucon" check -s "$con" --ini "$demo/chain/tq.ini" --no-records
+full2=SF20261201020000 incr2=SI20261202020000 con2=SF20261203020000
+second=$demo/second
+mkdir -p "$second/savesets" "$second/tqslis/${con2}_mnt" "$second/ini/xfpd_conf" "$second/incr"
+"$root/build/tvucon" consolidate -s "$con" --ini "$demo/chain/tq.ini" -o "$second/savesets/$full2.cpio" \
+  --catalog "$second/$full2.lsl" --catalog-name "$full2" --verify --quiet 2>&1 | sed 's/^/  /'
+# One more incremental: three files of the final state changed, written by GNU cpio.
+cp -r "$demo/chain/final" "$second/final"
+mapfile -t changed < <(cd "$second/final" && find . -type f -size +0 | sort | sed -n '5p;50p;500p' | sed 's|^\./||')
+for f in "${changed[@]}"; do echo "changed after $full2" >> "$second/final/$f"; done
+(cd "$second/final" && printf '%s\n' "${changed[@]}" | cpio -o -H newc --quiet > "$second/savesets/$incr2.cpio")
+# The second chain's consolidated catalog: the changed files from the
+# incremental (their records located by reading its newc headers), the rest
+# from the new full.
+python3 - "$second" "$full2" "$incr2" "$con2" "${changed[@]}" <<'PY'
+import sys
+second, full, incr, con, changed = sys.argv[1], sys.argv[2], sys.argv[3], sys.argv[4], set(sys.argv[5:])
+data = open(f"{second}/savesets/{incr}.cpio", "rb").read()
+records, at = {}, 0
+while at < len(data):
+    h = data[at:at + 110]
+    fields = [int(h[6 + 8 * i:14 + 8 * i], 16) for i in range(13)]
+    size, namesize = fields[6], fields[11]
+    name = data[at + 110:at + 110 + namesize - 1].decode()
+    rel = (110 + namesize + 3) // 4 * 4
+    span = rel + (size + 3) // 4 * 4
+    if name == "TRAILER!!!":
+        break
+    records[name] = (at, rel, span, size)
+    at += span
+out = []
+for line in open(f"{second}/{full}.lsl"):
+    if line.startswith('"'):
+        path = line[1:line.index('"', 1)]
+        if path in records:
+            q = line.index('"', 1)
+            rest = line[q + 2:].split(" ")
+            at, rel, span, size = records[path]
+            rest[5:12] = [str(at), str(rel), str(span), str(size), rest[9], "0", incr]
+            line = line[:q + 2] + " ".join(rest)
+    out.append(line)
+open(f"{second}/tqslis/{con}_mnt/{con}.lsl", "w").writelines(out)
+PY
+printf '%s\n' "$second/savesets/$full2.cpio" "$second/savesets/$incr2.cpio" > "$second/tqslis/${con2}_mnt/savesets.txt"
+printf -- '-f\n%s\n-l\n%s\n-r\n/\n-t\ncpio\n-o\nno_vmdk_search=1\n' "$second/tqslis/${con2}_mnt/savesets.txt" \
+  "$second/tqslis/${con2}_mnt/$con2.lsl" > "$second/tqslis/${con2}_mnt/consolidate.arg"
+printf '[pathes]\ngv_rw_tqslis=%s/tqslis/\ngv_rw_ini=%s/ini/\n' "$second" "$second" > "$second/tq.ini"
+stvucon() { "$root/build/tvucon" "$1" -s "$con2" --ini "$second/tq.ini" "${@:2}"; }
+stvucon check 2>&1 | sed 's/^/  /'
+stvucon consolidate -o "$second/$con2.cpio" --verify 2>&1 | sed 's/^/  /'
+mkdir -p "$second/extract"
+(cd "$second/extract" && cpio -idm --quiet < "$second/$con2.cpio")
+diff -r "$second/final" "$second/extract" &&
+  echo "  the second chain's consolidation extracts to its final state (${#changed[@]} files changed)"
+stvucon export / "$second/tree" --quiet
+diff -r "$second/final" "$second/tree" && echo "  and its tree exports the same"
+stvucon ls --json "/$(dirname "${changed[0]}")" | head -3 | sed 's/^/  /'
+# ---- end of the tvucon block ----
 
 items=$(sed -n 's/^items=//p' "$demo/chain/chain.txt")
 savesets=$(sed -n 's/^savesets=//p' "$demo/chain/chain.txt")

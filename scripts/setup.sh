@@ -8,6 +8,7 @@ PACKAGES=(
   libpcre3-dev libboost-dev zlib1g-dev
   libthrift-dev thrift-compiler libfuse3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  libcli11-dev nlohmann-json3-dev
   cpio libarchive-tools qemu-utils python3-libvhdi dump fuse3 bindfs
   clang libclang-rt-14-dev
 )

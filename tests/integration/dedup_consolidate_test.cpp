@@ -71,7 +71,7 @@ class DedupConsolidate : public ::testing::Test {
   ProcessResult Consolidate(const std::string& out, const std::string& library = "",
                             std::vector<std::string> extra = {}) {
     std::vector<std::string> argv = {BuiltProgram("tvucon"), "consolidate", "--saveset", con_,
-                                     "--ini", chain_ + "/tq.ini", "--output", out, "--quiet"};
+                                     "--ini", chain_ + "/tq.ini", "--output", out, "--quiet", "--raw"};
     argv.insert(argv.end(), extra.begin(), extra.end());
     return RunProcess(argv, {{"TQ_DEDUP_LIB", library.empty() ? BuiltProgram("libtq_dedup.so") : library}});
   }

@@ -4,6 +4,7 @@
 // a loop device (scripts/make_dump_fixtures.sh), so these tests need none.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -181,11 +182,50 @@ TEST(DumpTree, CompressedSavesetEndsTheOperation) {
   fs::remove(saveset);
   fs::copy_file(DumpFixture("level0z.dump"), saveset);
   for (const std::vector<std::string>& command :
-       {std::vector<std::string>{"consolidate", "--output", "/dev/null"}, std::vector<std::string>{"ls", "/"}}) {
+       {std::vector<std::string>{"consolidate", "--no-check", "--output", "/dev/null"},
+        std::vector<std::string>{"ls", "/"}}) {
     ProcessResult r = Tvucon(c, command);
     EXPECT_EQ(1, r.exitCode) << command[0];
     EXPECT_TRUE(Contains(r.err, notSupported + "Compression not supported\n")) << command[0] << ": " << r.err;
   }
+}
+
+}  // namespace
+
+namespace {
+
+using tvutest::WriteFile;
+
+// The check reads the inode header at every item's offset; a line moved off
+// its header is named, and the stream of a good chain verifies.
+TEST(DumpCheck, LinesOffTheirInodeHeaderAreNamedAndTheStreamVerifies) {
+  if (!HaveRestore()) GTEST_SKIP() << "restore is not installed";
+  TempDir tmp;
+  DumpChain c = MakeChain(tmp, {"level0.dump", "level1.dump"});
+  ProcessResult r = Tvucon(c, {"consolidate", "-o", tmp / "stream", "--verify", "--catalog", tmp / "new.lsl"});
+  ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_TRUE(Contains(r.err, "records checked against their catalog lines, 0 problems")) << r.err;
+  EXPECT_TRUE(Contains(ReadFile(tmp / "new.lsl"), "Format: DUMP LIS: 2.0\n"));
+
+  const std::string catalog = c.dir + "/tqslis/SFCONSOLIDATED_mnt/SFCONSOLIDATED.lsl";
+  std::string text = ReadFile(catalog);
+  // The first file line: its offset one record further, into its data.
+  size_t line = text.find("\" f ");
+  ASSERT_NE(std::string::npos, line);
+  size_t lineNo = 1 + std::count(text.begin(), text.begin() + static_cast<long>(line), '\n');
+  size_t at = line + 4;
+  for (int i = 0; i < 4; ++i) at = text.find(' ', at) + 1;
+  size_t end = text.find(' ', at);
+  const uint64_t offset = std::stoull(text.substr(at, end - at));
+  text.replace(at, end - at, std::to_string(offset + 1024));
+  WriteFile(catalog, text);
+  r = Tvucon(c, {"check"});
+  EXPECT_EQ(1, r.exitCode);
+  EXPECT_TRUE(Contains(r.out, catalog + ":" + std::to_string(lineNo) + ": ")) << r.out;
+  // Into a data record, or onto the next item's header with too short a span.
+  EXPECT_TRUE(Contains(r.out, "no dump header") || Contains(r.out, "no inode header") ||
+              Contains(r.out, "and its data need"))
+      << r.out;
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -334,6 +335,38 @@ TEST(Mount, ReportsABadMountPointBeforeDetaching) {
   EXPECT_NE(std::string::npos, r.err.find(missing)) << r.err;
   EXPECT_TRUE(Servers(missing).empty());
   EXPECT_FALSE(Mounted(missing));
+}
+
+}  // namespace
+
+namespace {
+
+// What an operator sees of the mount as a whole: df gives the tree's data
+// size, folders the catalog does not list carry the catalog's time (not
+// 1970), and a second mount on the same point is refused.
+TEST(Mount, FileSystemSizeFolderTimesAndASecondMountRefused) {
+  SKIP_WITHOUT_FUSE();
+  ChainMount m(40, "400000");
+  ASSERT_TRUE(m.StartAndWait());
+  uint64_t dataBytes = 0;
+  for (const auto& e : fs::recursive_directory_iterator(m.finalDir()))
+    if (e.is_regular_file()) dataBytes += e.file_size();
+  struct statvfs sv;
+  ASSERT_EQ(0, statvfs(m.mnt().c_str(), &sv));
+  EXPECT_EQ((dataBytes + sv.f_frsize - 1) / sv.f_frsize, sv.f_blocks);
+  EXPECT_EQ(0u, sv.f_bfree);
+
+  struct stat top, catalog;
+  ASSERT_EQ(0, stat(m.mnt().c_str(), &top));
+  ASSERT_EQ(0, stat(m.catalog().c_str(), &catalog));
+  EXPECT_EQ(catalog.st_mtime, top.st_mtime);
+
+  ProcessResult r = m.Start(m.mnt());
+  EXPECT_EQ(1, r.exitCode);
+  EXPECT_NE(std::string::npos, r.err.find("is a mount point already")) << r.err;
+  EXPECT_EQ(1u, Servers(m.mnt()).size());
+  EXPECT_EQ(0, RunProcess({"fusermount3", "-u", m.mnt()}, {}, 10).exitCode);
+  EXPECT_TRUE(m.WaitEnded());
 }
 
 }  // namespace

@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -38,6 +39,11 @@ constexpr double kCacheSeconds = 3600.0;
 
 uid_t g_uid = 0;
 gid_t g_gid = 0;
+// Folders the catalog does not list (made up to hold a path) have no times
+// of their own: they show this one.
+time_t g_folderTime = 0;
+// The bytes of data of the whole tree, for statfs.
+uint64_t g_treeBytes = 0;
 
 // The one place where results become FUSE's convention (0 or -errno).  The
 // tree API answers errno values; a negative value is taken as -errno already,
@@ -77,9 +83,10 @@ void FillStat(const tvu::NodeInfo& info, struct stat* st) {
   st->st_uid = g_uid;
   st->st_gid = g_gid;
   st->st_blksize = kMaxRead;
-  st->st_mtim.tv_sec = info.mtime;
-  st->st_ctim.tv_sec = info.ctime;
-  st->st_atim.tv_sec = info.mtime;
+  const time_t mtime = info.mtime ? info.mtime : g_folderTime;
+  st->st_mtim.tv_sec = mtime;
+  st->st_ctim.tv_sec = info.ctime ? info.ctime : mtime;
+  st->st_atim.tv_sec = mtime;
 }
 
 // Names the kernel could not take as one directory entry.
@@ -96,6 +103,12 @@ LIS_NODE* HandleNode(const fuse_file_info* fi) {
 void* OnInit(fuse_conn_info* conn, fuse_config* cfg) {
   conn->max_read = kMaxRead;
   conn->max_readahead = kMaxRead;  // the kernel lowers it to what it supports
+  // Listings always carry the entries' attributes (readdirplus), not only
+  // the first one of a folder as the kernel's adaptive mode does: a cold
+  // "ls -l" or find then needs no lookup per entry, and the kernel keeps
+  // names and attributes for the time-outs below.
+  if (conn->capable & FUSE_CAP_READDIRPLUS) conn->want |= FUSE_CAP_READDIRPLUS;
+  conn->want &= ~FUSE_CAP_READDIRPLUS_AUTO;
   // Replies that carry a file region are spliced into the device.
   if (conn->capable & FUSE_CAP_SPLICE_WRITE) conn->want |= FUSE_CAP_SPLICE_WRITE;
   if (conn->capable & FUSE_CAP_SPLICE_MOVE) conn->want |= FUSE_CAP_SPLICE_MOVE;
@@ -116,25 +129,60 @@ int OnGetattr(const char* path, struct stat* st, fuse_file_info*) {
   });
 }
 
-int OnReaddir(const char* path, void* buf, fuse_fill_dir_t filler, off_t, fuse_file_info*,
+// A folder's listing, taken once when it is opened and handed out page by
+// page: the kernel asks again for each page, from the offset of the last
+// entry it took.
+struct DirListing {
+  std::vector<tvu::NodeInfo> entries;
+};
+
+DirListing* HandleListing(const fuse_file_info* fi) {
+  return fi ? reinterpret_cast<DirListing*>(static_cast<uintptr_t>(fi->fh)) : nullptr;
+}
+
+int OnOpendir(const char* path, fuse_file_info* fi) {
+  return Serve([&] {
+    auto listing = std::make_unique<DirListing>();
+    int err = tvu::List(path, &listing->entries);
+    if (err != 0) return FuseStatus(err);
+    fi->fh = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(listing.release()));
+    // The tree never changes while mounted: the kernel may keep the listing.
+    fi->cache_readdir = 1;
+    fi->keep_cache = 1;
+    return 0;
+  });
+}
+
+int OnReleasedir(const char*, fuse_file_info* fi) {
+  delete HandleListing(fi);
+  fi->fh = 0;
+  return 0;
+}
+
+int OnReaddir(const char* path, void* buf, fuse_fill_dir_t filler, off_t offset, fuse_file_info* fi,
               fuse_readdir_flags flags) {
   return Serve([&] {
-    std::vector<tvu::NodeInfo> entries;
-    int err = tvu::List(path, &entries);
-    if (err != 0) return FuseStatus(err);
-    // Offset 0 throughout: the library collects the whole listing and pages
-    // it to the kernel itself.
-    filler(buf, ".", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
-    filler(buf, "..", nullptr, 0, static_cast<fuse_fill_dir_flags>(0));
+    DirListing own;
+    const DirListing* listing = HandleListing(fi);
+    if (!listing) {
+      int err = tvu::List(path, &own.entries);
+      if (err != 0) return FuseStatus(err);
+      listing = &own;
+    }
+    // Every entry carries the offset of the next one (1 after ".", 2 after
+    // "..", 3 + i after entry i), so libfuse hands each page straight to the
+    // kernel and, with "plus", with the entry's node: the kernel then knows
+    // names and attributes without a lookup per entry.
     const bool plus = (flags & FUSE_READDIR_PLUS) != 0;
-    for (const tvu::NodeInfo& e : entries) {
+    const auto fill = plus ? FUSE_FILL_DIR_PLUS : static_cast<fuse_fill_dir_flags>(0);
+    if (offset < 1 && filler(buf, ".", nullptr, 1, static_cast<fuse_fill_dir_flags>(0))) return 0;
+    if (offset < 2 && filler(buf, "..", nullptr, 2, static_cast<fuse_fill_dir_flags>(0))) return 0;
+    for (size_t i = offset > 2 ? static_cast<size_t>(offset - 2) : 0; i < listing->entries.size(); ++i) {
+      const tvu::NodeInfo& e = listing->entries[i];
       if (!UsableName(e.name)) continue;
       struct stat st;
       FillStat(e, &st);
-      // With "plus" the attributes go to the kernel with the name, which
-      // spares it one getattr per entry.
-      if (filler(buf, e.name.c_str(), &st, 0, plus ? FUSE_FILL_DIR_PLUS : static_cast<fuse_fill_dir_flags>(0)))
-        break;
+      if (filler(buf, e.name.c_str(), &st, static_cast<off_t>(i + 3), fill)) break;
     }
     return 0;
   });
@@ -231,6 +279,8 @@ int OnStatfs(const char*, struct statvfs* sv) {
   memset(sv, 0, sizeof *sv);
   sv->f_bsize = kMaxRead;
   sv->f_frsize = 4096;
+  // The tree's size, all of it in use: df shows what the chain holds.
+  sv->f_blocks = (g_treeBytes + sv->f_frsize - 1) / sv->f_frsize;
   sv->f_namemax = 255;
   sv->f_flag = ST_RDONLY | ST_NOSUID;
   return 0;
@@ -266,7 +316,9 @@ fuse_operations MakeOperations() {
   memset(&ops, 0, sizeof ops);
   ops.init = OnInit;
   ops.getattr = OnGetattr;
+  ops.opendir = OnOpendir;
   ops.readdir = OnReaddir;
+  ops.releasedir = OnReleasedir;
   ops.open = OnOpen;
   ops.read = OnRead;
   ops.read_buf = OnReadBuf;
@@ -305,10 +357,17 @@ int AbsoluteMountPoint(const std::string& mountpoint, std::string* absolute, std
   }
   *absolute = real;
   free(real);
-  struct stat st;
+  struct stat st, parent;
   if (stat(absolute->c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
     *error = "not a folder";
     return ENOTDIR;
+  }
+  // A folder on another device than its parent (or the root) is a mount
+  // already: mounting over it would hide it.
+  if (stat((*absolute + "/..").c_str(), &parent) == 0 &&
+      (parent.st_dev != st.st_dev || parent.st_ino == st.st_ino)) {
+    *error = "is a mount point already (fusermount3 -u " + *absolute + " ends that mount)";
+    return EBUSY;
   }
   return 0;
 }
@@ -327,7 +386,10 @@ void AbsoluteIniPath() {
 
 }  // namespace
 
-int TvuconMount(const std::string& mountpoint, bool foreground, bool debug, std::string* error) {
+int TvuconMount(const std::string& mountpoint, bool foreground, bool debug, time_t folderTime, uint64_t treeBytes,
+                std::string* error) {
+  g_folderTime = folderTime;
+  g_treeBytes = treeBytes;
   if (!tvu::IsOpen()) {
     *error = "the tree is not open";
     return EINVAL;

@@ -6,7 +6,10 @@
 //     those of the process that mounts; sizes and times come from the tree;
 //     directories report one link (their subdirectory count is unknown
 //     before they are listed), files one.
-//   - listings show ".", ".." and the tree's entries in the tree's order.
+//   - listings show ".", ".." and the tree's entries in the tree's order; a
+//     folder is listed once when opened and paged from that listing, each
+//     page with the entries' attributes and nodes (readdirplus), so a cold
+//     listing needs no lookup per entry; the kernel may cache listings.
 //   - opening for writing, and every operation that would change the tree
 //     (create, write, truncate, mkdir, unlink, rename, chmod, ...), fail with
 //     EROFS; a path that is not in the tree fails with the tree's errno
@@ -19,7 +22,8 @@
 //     while mounted, the kernel keeps file pages, attributes and names cached
 //     across opens.  Requests are served by several threads.
 //
-// Errors found before the mount is up (a mount point that is not a folder,
+// Errors found before the mount is up (a mount point that is not a folder or
+// is a mount point already,
 // no FUSE device, a refused mount) are returned at once with a message; the
 // process is still in the foreground then.  Without `foreground` the process
 // then detaches (the caller's parent process returns with status 0 as soon
@@ -34,10 +38,15 @@
 #ifndef TVU_TOOLS_TVUCON_MOUNT_H
 #define TVU_TOOLS_TVUCON_MOUNT_H
 
+#include <cstdint>
+#include <ctime>
 #include <string>
 
 // 0 after a clean end of the mount, else an errno value with a message in
 // *error (the caller names the mount point).  Call once per process, from one thread, with the tree open.
-int TvuconMount(const std::string& mountpoint, bool foreground, bool debug, std::string* error);
+// Folders without times of their own show folderTime; statfs reports
+// treeBytes as the file system's size, all in use.
+int TvuconMount(const std::string& mountpoint, bool foreground, bool debug, time_t folderTime, uint64_t treeBytes,
+                std::string* error);
 
 #endif
