@@ -98,7 +98,7 @@ TEST(MtfChainTest, ConsolidatesToTheCatalogsRunsAndReadsBackAsTheFinalState) {
               kv.second.numbers)
         << kv.first;
 
-  ProcessResult r = c.Tvucon({"consolidate", "--output", tmp / "out.mtf", "--quiet"});
+  ProcessResult r = c.Tvucon({"consolidate", "--raw", "--output", tmp / "out.mtf", "--quiet"});
   ASSERT_EQ(0, r.exitCode) << r.err;
   const std::string expected = ReadFile(c.dir() + "/expected.mtf");
   ASSERT_FALSE(expected.empty());
