@@ -4,9 +4,6 @@
 // Exit status: 0 when DB_ReadBlock ended with DB_NUM_I_END and the whole
 // stream was written; 1 on any failure (the module itself also ends the
 // process with 1 on unrecoverable conditions); 2 for a bad command line.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cinttypes>
 #include <cstdarg>
@@ -242,24 +239,7 @@ bool WritesToStandardOutput(const TvuconOptions& o) {
 // or null when `keepData` is false (a mount writes no data, and its server
 // must not hold the caller's output open) or on failure (*error set).
 FILE* SeparateDataOutput(bool keepData, std::string* error) {
-  FILE* data = nullptr;
-  if (keepData) {
-    int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    if (fd < 0 || !(data = fdopen(fd, "wb"))) {
-      *error = std::string("standard output: ") + strerror(errno);
-      if (fd >= 0) close(fd);
-      return nullptr;
-    }
-  }
-  // Descriptor 1 must stay open whatever happens: a file opened later would
-  // otherwise get it and receive the notes.
-  if (dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
-    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null >= 0 && null != STDOUT_FILENO) {
-      dup2(null, STDOUT_FILENO);
-      close(null);
-    }
-  }
+  FILE* data = pf::SeparateStandardOutput(keepData, error);
   setvbuf(stdout, nullptr, _IOLBF, 0);
   return data;
 }
@@ -303,7 +283,7 @@ int main(int argc, char** argv) {
   if (IsTreeCommand(o.command)) {
     status = RunTreeCommand(o, TraceHook, data);
   } else {
-    std::string path = o.module.empty() ? pf::ExecutableDir() + "libtvu_con.so" : o.module;
+    std::string path = o.module.empty() ? pf::ExecutableDir() + TVUCON_MODULE_FILE : o.module;
     Module m;
     if (!LoadModule(path, &m, &error)) {
       fprintf(stderr, "tvucon: cannot load module: %s\n", error.c_str());

@@ -2,7 +2,7 @@
 //
 // Every call the module, its runtime and its tools make into the operating
 // system goes through this header.  There is one implementation per OS
-// (platform_posix.cpp here; a Windows build adds platform_win.cpp) and CMake
+// (platform_posix*.cpp for Linux, platform_win32*.cpp for Windows) and CMake
 // picks it.  Callers never test the OS and never hold a file descriptor.
 //
 // Paths: callers pass paths in the module's own form, where "\" and "/" both
@@ -173,6 +173,9 @@ struct ProcessSetup {
   // everything it started too (a job object on Windows).
   bool newGroup = true;
 };
+// The program and arguments that run a command line through the system's
+// shell ("/bin/sh -c" here, "cmd.exe /c" on Windows).
+std::vector<std::string> ShellArgv(const std::string& cmdLine);
 struct Process;  // opaque; one started child process
 // Starts a process.  On failure returns the OS error and *why names the step
 // that failed ("open output file X", "start sh").  Signals the caller ignores
@@ -227,8 +230,15 @@ uint64_t CpuTicksMs();
 // Environment.
 bool GetEnv(const char* name, std::string* value);
 int SetEnv(const char* name, const char* value);
+int UnsetEnv(const char* name);
 // True when the stream is a terminal.
 bool IsTerminal(FILE* stream);
+// Keeps the data a program writes to standard output apart from the notes
+// that code inside it prints with printf: with `keepData`, returns a new
+// binary stream over the original standard output (null with *error set on
+// failure); either way the standard output then goes to the standard error
+// (or, failing that, to the null device), so that it always stays open.
+FILE* SeparateStandardOutput(bool keepData, std::string* error);
 
 }  // namespace pf
 

@@ -501,6 +501,30 @@ bool GetEnv(const char* name, std::string* value) {
 
 int SetEnv(const char* name, const char* value) { return ::setenv(name, value, 1) == 0 ? 0 : errno; }
 
+int UnsetEnv(const char* name) { return ::unsetenv(name) == 0 ? 0 : errno; }
+
 bool IsTerminal(FILE* stream) { return ::isatty(fileno(stream)) == 1; }
+
+FILE* SeparateStandardOutput(bool keepData, std::string* error) {
+  FILE* data = nullptr;
+  if (keepData) {
+    int fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (fd < 0 || !(data = ::fdopen(fd, "wb"))) {
+      *error = "standard output: " + ErrorText(errno);
+      if (fd >= 0) ::close(fd);
+      return nullptr;
+    }
+  }
+  // Descriptor 1 must stay open whatever happens: a file opened later would
+  // otherwise get it and receive the notes.
+  if (::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0 && null != STDOUT_FILENO) {
+      ::dup2(null, STDOUT_FILENO);
+      ::close(null);
+    }
+  }
+  return data;
+}
 
 }  // namespace pf
