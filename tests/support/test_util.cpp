@@ -10,13 +10,42 @@
 #include <sstream>
 #include <stdexcept>
 
+#include <gtest/gtest.h>
+
 #include "platform/platform.h"
 
 namespace fs = std::filesystem;
 
 namespace tvutest {
 
+namespace {
+
+// The n-th folder made by the running test, named in the environment that a
+// death test's new process inherits.
+std::string SharedDirVariable(bool next) {
+  static std::string test;
+  static int serial = 0;
+  const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "";
+  if (name != test) {
+    test = name;
+    serial = 0;
+  }
+  std::string var = "TVU_TEST_DIR_" + std::to_string(serial);
+  if (next) ++serial;
+  return var;
+}
+
+bool InDeathTestChild() { return !GTEST_FLAG_GET(internal_run_death_test).empty(); }
+
+}  // namespace
+
 TempDir::TempDir() {
+  const std::string shared = SharedDirVariable(true);
+  if (InDeathTestChild() && pf::GetEnv(shared.c_str(), &path_) && fs::is_directory(path_)) {
+    owned_ = false;  // the test's own process removes it
+    return;
+  }
   std::string base;
   if (!pf::GetEnv("TMPDIR", &base) || base.empty()) base = fs::temp_directory_path().string();
   while (base.size() > 1 && (base.back() == '/' || base.back() == '\\')) base.pop_back();
@@ -29,6 +58,7 @@ TempDir::TempDir() {
     std::error_code ec;
     if (fs::create_directory(base + "/" + name, ec)) {
       path_ = base + "/" + name;
+      pf::SetEnv(shared.c_str(), path_.c_str());
       return;
     }
     if (ec) throw std::runtime_error("cannot create a folder in " + base + ": " + ec.message());
@@ -37,6 +67,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+  if (!owned_) return;
   std::error_code ec;
   fs::remove_all(path_, ec);
 }

@@ -215,6 +215,9 @@ int TcpProbe(const char* host, const char* port, int* error);
 // ---- process and time ------------------------------------------------------
 // Looks up an exported symbol of the main executable of this process.
 void* HostSymbol(const char* name);
+// The file name of the dynamic library `base` ("libBASE.so" here, "BASE.dll"
+// on Windows).
+std::string LibraryFileName(const char* base);
 // Dynamic libraries: null on failure with the reason in *error.
 void* LibraryOpen(const char* path, std::string* error);
 void* LibrarySymbol(void* library, const char* name);

@@ -452,6 +452,8 @@ void* HostSymbol(const char* name) {
   return sym;
 }
 
+std::string LibraryFileName(const char* base) { return std::string("lib") + base + ".so"; }
+
 void* LibraryOpen(const char* path, std::string* error) {
   void* h = dlopen(OsPath(path).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!h && error) {

@@ -583,6 +583,8 @@ void* HostSymbol(const char* name) {
   return self ? reinterpret_cast<void*>(GetProcAddress(self, name)) : nullptr;
 }
 
+std::string LibraryFileName(const char* base) { return std::string(base) + ".dll"; }
+
 void* LibraryOpen(const char* path, std::string* error) {
   HMODULE h = LoadLibraryA(OsPath(path).c_str());
   if (!h && error) *error = OsPath(path) + ": " + ErrorText(static_cast<int>(GetLastError()));
