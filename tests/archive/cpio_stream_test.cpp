@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <algorithm>
 #include <cstring>
@@ -402,7 +403,7 @@ TEST_F(CpioStreamTest, CompressedAndEncryptedSavesetsEndTheProcess) {
     std::filesystem::remove(dir_ / "tvu_con.status");
     EXPECT_EXIT(
         {
-          if (!freopen(out.c_str(), "w", stdout)) _exit(3);
+          if (!freopen(out.c_str(), "wb", stdout)) _exit(3);
           Locate(idx, 0, "target");
           _exit(0);
         },
@@ -410,9 +411,12 @@ TEST_F(CpioStreamTest, CompressedAndEncryptedSavesetsEndTheProcess) {
     const std::string printed = ReadFile(out);
     EXPECT_EQ(0u, printed.find("Saveset [" + std::string(g_psSavesets[idx].szName) + "] " + c.printed + "\n"))
         << printed;
+    // Not fatal: where a death test runs the test again in a new process, that
+    // process passes here without the status the earlier case's process wrote.
     const std::string status = ReadFile(dir_ / "tvu_con.status");
-    ASSERT_GT(status.size(), 20u);
-    EXPECT_EQ("ERROR INFO=Saveset is compressed. Compressed savesets are not supported\n", status.substr(20));
+    EXPECT_GT(status.size(), 20u);
+    EXPECT_EQ("ERROR INFO=Saveset is compressed. Compressed savesets are not supported\n",
+              status.substr(std::min<size_t>(20, status.size())));
   }
   // The same records after the item are never reached.
   const std::string stream = target + Record(Format::kExt, "packed", "zz", cpio::kMagicExtCompressed);

@@ -14,6 +14,7 @@
 #include "support/dump_fixture.h"
 #include "support/test_util.h"
 #include "vfs/tq_vfs_api.h"
+#include "platform/platform.h"
 
 namespace fs = std::filesystem;
 
@@ -142,7 +143,7 @@ TEST(DumpTree, TreeInterfaceReadsInPiecesAsRestoreExtracts) {
   const std::vector<std::string> levels = {"level0.dump", "level1.dump", "level2.dump"};
   const DumpChain c = MakeChain(tmp, levels);
   Restore(tmp / "final", levels, true);
-  setenv("TQ_INI", c.ini.c_str(), 1);
+  pf::SetEnv("TQ_INI", c.ini.c_str());
   std::string error;
   ASSERT_EQ(0, tvu::Open(tvu::TreeOptions{c.con, false, ""}, &error)) << error;
   int checked = 0;
@@ -162,7 +163,7 @@ TEST(DumpTree, TreeInterfaceReadsInPiecesAsRestoreExtracts) {
     ++checked;
   }
   tvu::Close();
-  unsetenv("TQ_INI");
+  pf::UnsetEnv("TQ_INI");
   EXPECT_EQ(13, checked);
 }
 

@@ -11,6 +11,7 @@
 #include "support/test_util.h"
 #include "tvu_con.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -23,24 +24,24 @@ class DumpOperationTest : public ::testing::Test {
  protected:
   void SetUp() override {
     WriteFile(dir_ / "tq.ini", "[pathes]\ngv_rw_tqslis=" + dir_.path() + "/tqslis/\n");
-    setenv("TQ_INI", (dir_ / "tq.ini").c_str(), 1);
-    WriteFile(meta("consolidate.arg"), "-f\n" + meta("list.txt") + "\n-l\ngv_rw_tqslis:CON_mnt/CON.lsl\n-t\ndump\n");
+    pf::SetEnv("TQ_INI", (dir_ / "tq.ini").c_str());
+    WriteFile(meta("consolidate.arg"), "-f\n" + meta("list.txt") + "\n-l\ngv_rw_tqslis:SC1_mnt/SC1.lsl\n-t\ndump\n");
     WriteFile(meta("list.txt"), saveset() + "\n");
     // The level 0 fixture's file of inode 23 ("leaf\n"): its header and one
     // data record at 159744.
-    WriteFile(meta("CON.lsl"), "\"deep/a/b/c/leaf.txt\" f 2026-01-10 10:00:00 2026-01-10 10:00:00 159744 -1 2048 23 "
+    WriteFile(meta("SC1.lsl"), "\"deep/a/b/c/leaf.txt\" f 2026-01-10 10:00:00 2026-01-10 10:00:00 159744 -1 2048 23 "
                                "0 0 SF20261101020000 \n");
   }
   void TearDown() override {
     DB_CloseOperation();
-    unsetenv("TQ_INI");
+    pf::UnsetEnv("TQ_INI");
   }
-  std::string meta(const std::string& name) { return dir_.path() + "/tqslis/CON_mnt/" + name; }
+  std::string meta(const std::string& name) { return dir_.path() + "/tqslis/SC1_mnt/" + name; }
   std::string saveset() { return dir_.path() + "/SF20261101020000.dump"; }
   uint32_t Init() {
-    std::string v("DATABASE=CON:CON");
+    std::string v("DATABASE=CON:SC1");
     std::vector<char*> vars = {&v[0], nullptr};
-    DB_OPERATION op{"CON"};
+    DB_OPERATION op{"SC1"};
     return DB_InitOperation(DB_TYPE_BCK, 0, vars.data(), &op);
   }
   std::string Message() {

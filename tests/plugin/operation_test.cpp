@@ -10,6 +10,7 @@
 #include "support/test_util.h"
 #include "tvu_con.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -39,20 +40,20 @@ class OperationTest : public ::testing::Test {
     WriteFile(dir_ / "savesets/SF20261101020000.cpio", full_);
     WriteFile(dir_ / "savesets/SI20261102020000.cpio", incr_);
     WriteFile(dir_ / "tq.ini", "[pathes]\ngv_rw_tqslis=" + dir_.path() + "/tqslis/\n");
-    setenv("TQ_INI", (dir_ / "tq.ini").c_str(), 1);
-    WriteFile(meta("consolidate.arg"), "-f\n" + meta("list.txt") + "\n-l\ngv_rw_tqslis:CON_mnt/CON.lsl\n-t\ncpio\n");
+    pf::SetEnv("TQ_INI", (dir_ / "tq.ini").c_str());
+    WriteFile(meta("consolidate.arg"), "-f\n" + meta("list.txt") + "\n-l\ngv_rw_tqslis:SC1_mnt/SC1.lsl\n-t\ncpio\n");
     WriteFile(meta("list.txt"), dir_ / "savesets/SF20261101020000.cpio\n" + dir_ / "savesets/SI20261102020000.cpio\n");
   }
   void TearDown() override {
     DB_CloseOperation();
-    unsetenv("TQ_INI");
+    pf::UnsetEnv("TQ_INI");
   }
-  std::string meta(const std::string& name) { return dir_.path() + "/tqslis/CON_mnt/" + name; }
+  std::string meta(const std::string& name) { return dir_.path() + "/tqslis/SC1_mnt/" + name; }
 
-  uint32_t Init(const char* var = "DATABASE=CON:CON") {
+  uint32_t Init(const char* var = "DATABASE=CON:SC1") {
     std::string v(var);
     std::vector<char*> vars = {&v[0], nullptr};
-    DB_OPERATION op{"CON"};
+    DB_OPERATION op{"SC1"};
     return DB_InitOperation(DB_TYPE_BCK, 0, vars.data(), &op);
   }
 
@@ -95,7 +96,7 @@ class OperationTest : public ::testing::Test {
 // Consecutive lines of one saveset become one run from the first offset to
 // the last end, whatever lies between; a saveset change starts a new run.
 TEST_F(OperationTest, StreamsRunsOfConsecutiveLinesOfOneSaveset) {
-  WriteFile(meta("CON.lsl"), "Tape ID: CON Tape Label: CON Format: CPIO LIS: 2.0\n# comment\n" +
+  WriteFile(meta("SC1.lsl"), "Tape ID: CON Tape Label: CON Format: CPIO LIS: 2.0\n# comment\n" +
                                  Line("d", 'd', 0, 4, kFull) + Line("d/a", 'f', 4, 4, kFull) +
                                  Line("d/b", 'f', 2, 3, kIncr) + Line("d/c", 'f', 10, 2, kFull) +
                                  Line("d/e", 'f', 20, 5, kFull) + Line("d/g", 'x', 0, 40, kFull) +
@@ -128,7 +129,7 @@ TEST_F(OperationTest, StreamsRunsOfConsecutiveLinesOfOneSaveset) {
 // a run without bytes: that call delivers nothing, and the stream goes on to
 // the catalog's end.
 TEST_F(OperationTest, EmptyRunBetweenLinesOfOneSavesetDoesNotEndTheStream) {
-  WriteFile(meta("CON.lsl"), Line("a", 'f', 0, 8, kFull) + Line("z", 'd', 3, 0, kIncr) + Line("b", 'f', 8, 8, kFull) +
+  WriteFile(meta("SC1.lsl"), Line("a", 'f', 0, 8, kFull) + Line("z", 'd', 3, 0, kIncr) + Line("b", 'f', 8, 8, kFull) +
                                  Line("c", 'f', 4, 6, kIncr));
   ASSERT_EQ(DB_NUM_I_OK, Init());
   std::string stream;
@@ -140,7 +141,7 @@ TEST_F(OperationTest, EmptyRunBetweenLinesOfOneSavesetDoesNotEndTheStream) {
 // that reads it: a second operation whose list names the same savesets in
 // another order streams from its own table.
 TEST_F(OperationTest, SecondOperationWithSavesetsInAnotherOrderStreamsItsOwnBytes) {
-  WriteFile(meta("CON.lsl"), Line("a", 'f', 2, 6, kFull) + Line("b", 'f', 1, 4, kIncr));
+  WriteFile(meta("SC1.lsl"), Line("a", 'f', 2, 6, kFull) + Line("b", 'f', 1, 4, kIncr));
   const std::string expected = full_.substr(2, 6) + incr_.substr(1, 4);
   ASSERT_EQ(DB_NUM_I_OK, Init());
   std::string first;
@@ -159,16 +160,16 @@ TEST_F(OperationTest, SecondOperationWithSavesetsInAnotherOrderStreamsItsOwnByte
 // name and the line's number; its tail is never read as an item of its own.
 TEST_F(OperationTest, OverlongCatalogLineFailsTheStream) {
   const std::string tail = Line("t", 'f', 20, 10, kFull);
-  WriteFile(meta("CON.lsl"), Line("a", 'f', 0, 8, kFull) + "\"" + std::string(40000, 'x') + "\" " + tail);
+  WriteFile(meta("SC1.lsl"), Line("a", 'f', 0, 8, kFull) + "\"" + std::string(40000, 'x') + "\" " + tail);
   ASSERT_EQ(DB_NUM_I_OK, Init());
-  EXPECT_EQ("Catalog [" + meta("CON.lsl") + "] line 2 is longer than 34498 bytes: the consolidated catalog cannot be read",
+  EXPECT_EQ("Catalog [" + meta("SC1.lsl") + "] line 2 is longer than 34498 bytes: the consolidated catalog cannot be read",
             FailedReadMessage());
 
   // A line that fills the buffer exactly up to its line end is whole.
   DB_CloseOperation();
   std::string exact = Line("b", 'f', 8, 8, kFull);
   exact.insert(0, 34498 - (exact.size() - 1), ' ');
-  WriteFile(meta("CON.lsl"), Line("a", 'f', 0, 8, kFull) + exact + Line("c", 'f', 16, 4, kFull));
+  WriteFile(meta("SC1.lsl"), Line("a", 'f', 0, 8, kFull) + exact + Line("c", 'f', 16, 4, kFull));
   ASSERT_EQ(DB_NUM_I_OK, Init());
   std::string stream;
   ReadAll(1 << 20, &stream);
@@ -179,8 +180,8 @@ TEST_F(OperationTest, OverlongCatalogLineFailsTheStream) {
 TEST_F(OperationTest, LongCatalogPathIsUsedWhole) {
   std::string dir = meta("");
   for (int i = 0; i < 5; ++i) dir += std::string(250, static_cast<char>('a' + i)) + "/";
-  WriteFile(dir + "CON.lsl", Line("a", 'f', 2, 6, kFull));
-  WriteFile(meta("consolidate.arg"), "-f\n" + meta("list.txt") + "\n-l\n" + dir + "CON.lsl\n-t\ncpio\n");
+  WriteFile(dir + "SC1.lsl", Line("a", 'f', 2, 6, kFull));
+  WriteFile(meta("consolidate.arg"), "-f\n" + meta("list.txt") + "\n-l\n" + dir + "SC1.lsl\n-t\ncpio\n");
   ASSERT_EQ(DB_NUM_I_OK, Init());
   std::string stream;
   ReadAll(1 << 20, &stream);
@@ -188,7 +189,7 @@ TEST_F(OperationTest, LongCatalogPathIsUsedWhole) {
 }
 
 TEST_F(OperationTest, EmptyCatalogEndsAtOnce) {
-  WriteFile(meta("CON.lsl"), "Tape ID: CON Tape Label: CON Format: CPIO LIS: 2.0\n");
+  WriteFile(meta("SC1.lsl"), "Tape ID: CON Tape Label: CON Format: CPIO LIS: 2.0\n");
   ASSERT_EQ(DB_NUM_I_OK, Init());
   char buf[16];
   uint32_t len = sizeof buf;
@@ -197,14 +198,14 @@ TEST_F(OperationTest, EmptyCatalogEndsAtOnce) {
 }
 
 TEST_F(OperationTest, SavesetShorterThanItsCatalogFailsInsteadOfDeliveringAShortStream) {
-  WriteFile(meta("CON.lsl"), Line("d", 'd', 0, 8, kFull) + Line("f", 'f', 30, 15, kFull));
+  WriteFile(meta("SC1.lsl"), Line("d", 'd', 0, 8, kFull) + Line("f", 'f', 30, 15, kFull));
   ASSERT_EQ(DB_NUM_I_OK, Init());
   const std::string message = FailedReadMessage();
   EXPECT_NE(std::string::npos, message.find("SF20261101020000.cpio] ends before its catalog says")) << message;
 }
 
 TEST_F(OperationTest, LineBeforeItsRunsStartFailsTheStream) {
-  WriteFile(meta("CON.lsl"), Line("b", 'f', 20, 8, kFull) + Line("a", 'f', 0, 8, kFull));
+  WriteFile(meta("SC1.lsl"), Line("b", 'f', 20, 8, kFull) + Line("a", 'f', 0, 8, kFull));
   ASSERT_EQ(DB_NUM_I_OK, Init());
   const std::string message = FailedReadMessage();
   EXPECT_NE(std::string::npos, message.find("Catalog line [a] of saveset 0 ends at 8, before its run starts at 20"))
@@ -212,28 +213,28 @@ TEST_F(OperationTest, LineBeforeItsRunsStartFailsTheStream) {
 }
 
 TEST_F(OperationTest, ControlVariables) {
-  WriteFile(meta("CON.lsl"), Line("d", 'd', 0, 4, kFull));
+  WriteFile(meta("SC1.lsl"), Line("d", 'd', 0, 4, kFull));
   EXPECT_EQ(2u, Init("DATABASE=CON"));
   DB_ERROR e;
   DB_GetError(&e);
   EXPECT_STREQ("Saveset to consolidate could not be parsed ", e.szMessage);
   {
     std::vector<char*> none = {nullptr};
-    DB_OPERATION op{"CON"};
+    DB_OPERATION op{"SC1"};
     EXPECT_EQ(2u, DB_InitOperation(DB_TYPE_BCK, 0, none.data(), &op));
   }
   // The name may follow a prefix: the search is for the substring anywhere.
-  EXPECT_EQ(DB_NUM_I_OK, Init("X_DATABASE=CON:CON"));
+  EXPECT_EQ(DB_NUM_I_OK, Init("X_DATABASE=CON:SC1"));
 }
 
 TEST_F(OperationTest, MissingArgumentFileOrSavesetListFails) {
-  WriteFile(meta("CON.lsl"), Line("d", 'd', 0, 4, kFull));
+  WriteFile(meta("SC1.lsl"), Line("d", 'd', 0, 4, kFull));
   EXPECT_EQ(DB_NUM_E_FAILED, Init("DATABASE=CON:OTHER"));
   DB_ERROR e;
   DB_GetError(&e);
   EXPECT_EQ("Cannot read from [" + dir_.path() + "/tqslis/OTHER_mnt\\consolidate.arg]", std::string(e.szMessage));
 
-  WriteFile(meta("consolidate.arg"), "-f\n" + meta("nolist.txt") + "\n-l\n" + meta("CON.lsl") + "\n");
+  WriteFile(meta("consolidate.arg"), "-f\n" + meta("nolist.txt") + "\n-l\n" + meta("SC1.lsl") + "\n");
   EXPECT_EQ(DB_NUM_E_FAILED, Init());
   DB_GetError(&e);
   EXPECT_EQ("Cannot read from [" + meta("nolist.txt") + "]", std::string(e.szMessage));
@@ -241,7 +242,7 @@ TEST_F(OperationTest, MissingArgumentFileOrSavesetListFails) {
 }
 
 TEST_F(OperationTest, MissingProductConfigurationFails) {
-  setenv("TQ_INI", (dir_ / "none.ini").c_str(), 1);
+  pf::SetEnv("TQ_INI", (dir_ / "none.ini").c_str());
   EXPECT_EQ(DB_NUM_E_FAILED, Init());
   DB_ERROR e;
   DB_GetError(&e);

@@ -3,6 +3,8 @@
 #define TVU_TESTS_RUNTIME_TEST_UTIL_H
 
 #include <gtest/gtest.h>
+
+#include "platform/platform.h"
 #include <stdlib.h>
 
 #include <filesystem>
@@ -16,8 +18,14 @@ namespace runtime_test {
 // A fresh directory under the build tree, removed with its contents.
 class TempDir {
  public:
-  TempDir() : path_(std::string(TVU_BINARY_DIR) + "/runtime_test_XXXXXX") {
-    if (!mkdtemp(&path_[0])) ADD_FAILURE() << "mkdtemp failed for " << path_;
+  TempDir() {
+    static int serial = 0;
+    std::string base = std::string(TVU_BINARY_DIR) + "/runtime_test_" + std::to_string(pf::ProcessId()) + "_";
+    for (int tries = 0; tries < 1000; ++tries) {
+      path_ = base + std::to_string(serial++);
+      if (std::filesystem::create_directory(path_)) return;
+    }
+    ADD_FAILURE() << "cannot create a folder named " << base << "N";
   }
   ~TempDir() { std::filesystem::remove_all(path_); }
   std::string File(const std::string& name) const { return path_ + "/" + name; }
@@ -42,9 +50,9 @@ class ScopedEnv {
  public:
   ScopedEnv(const char* name, std::optional<std::string> value) : name_(name) {
     if (const char* old = getenv(name)) old_ = old;
-    value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+    value ? pf::SetEnv(name, value->c_str()) : pf::UnsetEnv(name);
   }
-  ~ScopedEnv() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
+  ~ScopedEnv() { old_ ? pf::SetEnv(name_.c_str(), old_->c_str()) : pf::UnsetEnv(name_.c_str()); }
 
  private:
   std::string name_;

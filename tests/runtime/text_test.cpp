@@ -32,13 +32,22 @@ std::wstring Latin1(const std::string& bytes) {
   return w;
 }
 
+// One code point as wide strings hold it: UTF-16 where wchar_t has 16 bits.
+std::wstring Wide(char32_t cp) {
+  if (sizeof(wchar_t) == 2 && cp > 0xFFFF) {
+    cp -= 0x10000;
+    return {static_cast<wchar_t>(0xD800 + (cp >> 10)), static_cast<wchar_t>(0xDC00 + (cp & 0x3FF))};
+  }
+  return {static_cast<wchar_t>(cp)};
+}
+
 TEST(MbstowcslTest, Utf8Boundaries) {
   // clang-format off
   const std::pair<const char*, std::wstring> cases[] = {
       {"\x7F", {wchar_t(0x7F)}}, {"\xC2\x80", {wchar_t(0x80)}}, {"\xDF\xBF", {wchar_t(0x7FF)}},
       {"\xE0\xA0\x80", {wchar_t(0x800)}}, {"\xED\x9F\xBF", {wchar_t(0xD7FF)}},
       {"\xEE\x80\x80", {wchar_t(0xE000)}}, {"\xEF\xBF\xBF", {wchar_t(0xFFFF)}},
-      {"\xF0\x90\x80\x80", {wchar_t(0x10000)}}, {"\xF4\x8F\xBF\xBF", {wchar_t(0x10FFFF)}},
+      {"\xF0\x90\x80\x80", Wide(0x10000)}, {"\xF4\x8F\xBF\xBF", Wide(0x10FFFF)},
       {"K\xC3\xB6ln/\xE2\x82\xAC.txt", L"K\u00F6ln/\u20AC.txt"}, {"", L""}};
   // clang-format on
   for (const auto& [bytes, expected] : cases) {
@@ -119,7 +128,10 @@ TEST(WcstombsUtf8Test, RoundTripAndInvalidValues) {
   std::wstring wide;
   ASSERT_TRUE(korvo::mbstowcsl(text.data(), text.size(), kUtf8, &wide));
   EXPECT_EQ(korvo::wcstombs_utf8(wide.c_str()), text);
-  const wchar_t bad[] = {L'a', wchar_t(0xD800), wchar_t(0x110000), L'b', 0};
+  // Two values that are no character: beyond Unicode (a lone low surrogate
+  // where wchar_t has 16 bits), and a high surrogate without its partner.
+  const wchar_t beyond = sizeof(wchar_t) == 2 ? static_cast<wchar_t>(0xDC00) : static_cast<wchar_t>(0x110000);
+  const wchar_t bad[] = {L'a', beyond, static_cast<wchar_t>(0xD800), L'b', 0};
   EXPECT_EQ(korvo::wcstombs_utf8(bad),
             "a\xEF\xBF\xBD\xEF\xBF\xBD"
             "b");

@@ -1,34 +1,73 @@
 // test_util.cpp - temporary folders, files and child processes for the tests.
 #include "support/test_util.h"
 
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <stdexcept>
-#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "platform/platform.h"
 
 namespace fs = std::filesystem;
 
 namespace tvutest {
 
+namespace {
+
+// The n-th folder made by the running test, named in the environment that a
+// death test's new process inherits.
+std::string SharedDirVariable(bool next) {
+  static std::string test;
+  static int serial = 0;
+  const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = info ? std::string(info->test_suite_name()) + "." + info->name() : "";
+  if (name != test) {
+    test = name;
+    serial = 0;
+  }
+  std::string var = "TVU_TEST_DIR_" + std::to_string(serial);
+  if (next) ++serial;
+  return var;
+}
+
+bool InDeathTestChild() { return !GTEST_FLAG_GET(internal_run_death_test).empty(); }
+
+}  // namespace
+
 TempDir::TempDir() {
-  const char* base = getenv("TMPDIR");
-  std::string tmpl = std::string(base && *base ? base : "/tmp") + "/tvu_test_XXXXXX";
-  std::vector<char> buf(tmpl.begin(), tmpl.end());
-  buf.push_back('\0');
-  if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = buf.data();
+  const std::string shared = SharedDirVariable(true);
+  if (InDeathTestChild() && pf::GetEnv(shared.c_str(), &path_) && fs::is_directory(path_)) {
+    owned_ = false;  // the test's own process removes it
+    return;
+  }
+  std::string base;
+  if (!pf::GetEnv("TMPDIR", &base) || base.empty()) base = fs::temp_directory_path().string();
+  while (base.size() > 1 && (base.back() == '/' || base.back() == '\\')) base.pop_back();
+  static std::mt19937_64 rng(std::random_device{}() ^ static_cast<uint64_t>(pf::ProcessId()) ^
+                             static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
+  static const char kChars[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  for (int tries = 0; tries < 100; ++tries) {
+    std::string name = "tvu_test_";
+    for (int i = 0; i < 8; ++i) name += kChars[rng() % 36];
+    std::error_code ec;
+    if (fs::create_directory(base + "/" + name, ec)) {
+      path_ = base + "/" + name;
+      pf::SetEnv(shared.c_str(), path_.c_str());
+      return;
+    }
+    if (ec) throw std::runtime_error("cannot create a folder in " + base + ": " + ec.message());
+  }
+  throw std::runtime_error("cannot create a folder in " + base);
 }
 
 TempDir::~TempDir() {
+  if (!owned_) return;
   std::error_code ec;
   fs::remove_all(path_, ec);
 }
@@ -53,46 +92,52 @@ ProcessResult RunProcess(const std::vector<std::string>& argv, const std::map<st
                          int timeoutSeconds) {
   ProcessResult r;
   TempDir io;
-  std::string outPath = io / "out", errPath = io / "err";
-  pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
-    int in = open("/dev/null", O_RDONLY);
-    int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
-    for (const auto& kv : env) setenv(kv.first.c_str(), kv.second.c_str(), 1);
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execvp(args[0], args.data());
-    _exit(127);
+  pf::ProcessSetup setup;
+  setup.argv = argv;
+  setup.in.mode = pf::kStdioNull;
+  setup.out = {pf::kStdioTruncate, io / "out"};
+  setup.err = {pf::kStdioTruncate, io / "err"};
+  // The child inherits this process's environment: the extra variables are
+  // set for the start and put back after it.
+  std::map<std::string, std::pair<bool, std::string>> saved;
+  for (const auto& kv : env) {
+    std::string old;
+    bool had = pf::GetEnv(kv.first.c_str(), &old);
+    saved[kv.first] = {had, old};
+    pf::SetEnv(kv.first.c_str(), kv.second.c_str());
   }
-  int status = 0;
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeoutSeconds);
-  for (;;) {
-    pid_t w = waitpid(pid, &status, WNOHANG);
-    if (w == pid) break;
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(pid, SIGKILL);
-      waitpid(pid, &status, 0);
-      r.timedOut = true;
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  pf::Process* proc = nullptr;
+  std::string why;
+  int rc = pf::ProcessStart(setup, &proc, &why);
+  for (const auto& kv : saved) kv.second.first ? pf::SetEnv(kv.first.c_str(), kv.second.second.c_str()) : pf::UnsetEnv(kv.first.c_str());
+  if (rc != 0) throw std::runtime_error(why + ": " + pf::ErrorText(rc));
+  int state = -1;
+  int w = pf::ProcessWait(proc, static_cast<uint32_t>(timeoutSeconds) * 1000u, &state);
+  if (w == pf::kWaitTimeout) {
+    pf::ProcessEnd(proc, 0, &state);
+    r.timedOut = true;
+  } else if (w == pf::kWaitSignaled) {
+    // Shells report a process ended by signal N as 128 + N.
+    if (state > 128 && state < 128 + 65) r.signal = state - 128;
+    else r.exitCode = state;
   }
-  if (!r.timedOut && WIFEXITED(status)) r.exitCode = WEXITSTATUS(status);
-  if (WIFSIGNALED(status)) r.signal = WTERMSIG(status);
-  r.out = ReadFile(outPath);
-  r.err = ReadFile(errPath);
+  pf::ProcessClose(proc);
+  r.out = ReadFile(io / "out");
+  r.err = ReadFile(io / "err");
   return r;
 }
 
 int Shell(const std::string& command) {
-  int rc = system(command.c_str());
-  return WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  pf::ProcessSetup setup;
+  setup.argv = pf::ShellArgv(command);
+  setup.newGroup = false;
+  pf::Process* proc = nullptr;
+  std::string why;
+  if (pf::ProcessStart(setup, &proc, &why) != 0) return -1;
+  int state = -1;
+  if (pf::ProcessWait(proc, pf::kWaitForever, &state) != pf::kWaitSignaled) state = -1;
+  pf::ProcessClose(proc);
+  return state;
 }
 
 std::set<std::string> FilesWithDataOffset(const std::string& catalog) {

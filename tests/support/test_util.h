@@ -10,8 +10,11 @@
 
 namespace tvutest {
 
-// A fresh folder under $TMPDIR (or /tmp), removed with everything in it when
-// the object goes away.  path() ends without a separator.
+// A fresh folder under $TMPDIR (or the system's temporary folder), removed
+// with everything in it when the object goes away.  path() ends without a
+// separator.  Where death tests run the test again in a new process (systems
+// without fork), that process gets the folders of the test's own process
+// (in creation order), so that both see the same files.
 class TempDir {
  public:
   TempDir();
@@ -23,6 +26,7 @@ class TempDir {
 
  private:
   std::string path_;
+  bool owned_ = true;
 };
 
 void WriteFile(const std::string& path, const std::string& content);

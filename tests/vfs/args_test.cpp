@@ -11,6 +11,7 @@
 #include "support/test_util.h"
 #include "vfs/tq_vfs_common.h"
 #include "vfs/tq_vfs_saveset.h"
+#include "platform/platform.h"
 
 namespace {
 
@@ -28,12 +29,12 @@ class ConArgsTest : public ::testing::Test {
     gVOPTIONS = VFS_OPTIONS{};
     WriteFile(dir_ / "tq.ini", "[pathes]\ngv_rw_tqslis=" + dir_.path() + "/tqslis/\ngv_rw_ini=" + dir_.path() +
                                    "/ini/\n");
-    setenv("TQ_INI", (dir_ / "tq.ini").c_str(), 1);
+    pf::SetEnv("TQ_INI", (dir_ / "tq.ini").c_str());
     meta_ = dir_.path() + "/tqslis/X_mnt\\";
   }
   void TearDown() override {
     saveset_table_free();
-    unsetenv("TQ_INI");
+    pf::UnsetEnv("TQ_INI");
   }
   void WriteArgs(const std::string& text) { WriteFile(dir_ / "tqslis/X_mnt/consolidate.arg", text); }
 

@@ -111,7 +111,7 @@ class VmdkPass : public ::testing::Test {
   }
   // Writes the catalog, detects it and runs the pass.
   int Run(const std::string& lines) {
-    const std::string path = dir_ / "CON.lsl";
+    const std::string path = dir_ / "SC1.lsl";
     tvutest::WriteFile(path, "Tape ID: CON Tape Label: CON Format: CPIO LIS: 2.0\n" + lines);
     CatalogSetPath(path.c_str());
     EXPECT_EQ(0, DetectCatalogType());

@@ -9,8 +9,8 @@
 #include <cctype>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <unistd.h>
+
+#include "platform/platform.h"
 
 namespace mkvhdx {
 namespace {
@@ -254,18 +254,16 @@ std::vector<uint8_t> Image::Flatten() const {
 }
 
 bool WriteFile(const Image& image, const std::string& path) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  if (fd < 0) return false;
-  bool ok = ::ftruncate(fd, static_cast<off_t>(image.size)) == 0;
+  pf::File* f = nullptr;
+  if (pf::FileOpenWrite(path.c_str(), &f) != 0) return false;
+  // The full length first: the gaps between the pieces stay holes.
+  bool ok = pf::FileTruncate(f, image.size) == 0;
   for (const auto& [off, bytes] : image.pieces) {
-    size_t done = 0;
-    while (ok && done < bytes.size()) {
-      const ssize_t w = ::pwrite(fd, bytes.data() + done, bytes.size() - done, static_cast<off_t>(off + done));
-      if (w <= 0) ok = false;
-      else done += static_cast<size_t>(w);
-    }
+    ok = ok && pf::FileSeek(f, static_cast<int64_t>(off), 0, nullptr) == 0 &&
+         pf::FileWrite(f, bytes.data(), bytes.size()) == 0;
   }
-  return ::close(fd) == 0 && ok;
+  pf::FileClose(f);
+  return ok;
 }
 
 std::vector<uint8_t> RawDisk(const ImageDesc& s) {

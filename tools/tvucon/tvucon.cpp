@@ -5,9 +5,6 @@
 // stream was written (and, when asked, checked); 1 on any failure (the
 // module itself also ends the process with 1 on unrecoverable conditions);
 // 2 for a bad command line.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cinttypes>
@@ -125,10 +122,10 @@ FILE* OpenOutput(const TvuconOptions& o, FILE* data) {
     return nullptr;
   }
   FILE* out = pf::FOpen(o.output.c_str(), "r+b");
-  if (!out || ftruncate(fileno(out), static_cast<off_t>(o.resumeFrom)) != 0 ||
-      fseeko(out, static_cast<off_t>(o.resumeFrom), SEEK_SET) != 0) {
+  const int rc = out ? pf::StdioCutAt(out, o.resumeFrom) : pf::LastError();
+  if (rc != 0) {
     fprintf(stderr, "tvucon: --resume-from: cannot cut %s at %" PRIu64 ": %s\n", o.output.c_str(), o.resumeFrom,
-            strerror(errno));
+            pf::ErrorText(rc).c_str());
     if (out) fclose(out);
     return nullptr;
   }
@@ -232,7 +229,7 @@ int RunConsolidate(const TvuconOptions& o, FILE* data) {
   if (o.resume) {
     source.reset(new PlanSource(&plan, summary, o.resumeFrom));
   } else {
-    std::string path = o.module.empty() ? pf::ExecutableDir() + "libtvu_con.so" : o.module;
+    std::string path = o.module.empty() ? pf::ExecutableDir() + TVUCON_MODULE_FILE : o.module;
     if (!LoadModule(path, &m, &error)) {
       fprintf(stderr, "tvucon: cannot load module: %s\n", error.c_str());
       return 1;
@@ -374,24 +371,7 @@ bool WritesToStandardOutput(const TvuconOptions& o) {
 // or null when `keepData` is false (a mount writes no data, and its server
 // must not hold the caller's output open) or on failure (*error set).
 FILE* SeparateDataOutput(bool keepData, std::string* error) {
-  FILE* data = nullptr;
-  if (keepData) {
-    int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    if (fd < 0 || !(data = fdopen(fd, "wb"))) {
-      *error = std::string("standard output: ") + strerror(errno);
-      if (fd >= 0) close(fd);
-      return nullptr;
-    }
-  }
-  // Descriptor 1 must stay open whatever happens: a file opened later would
-  // otherwise get it and receive the notes.
-  if (dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
-    int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (null >= 0 && null != STDOUT_FILENO) {
-      dup2(null, STDOUT_FILENO);
-      close(null);
-    }
-  }
+  FILE* data = pf::SeparateStandardOutput(keepData, error);
   setvbuf(stdout, nullptr, _IOLBF, 0);
   return data;
 }
@@ -447,7 +427,7 @@ int main(int argc, char** argv) {
   } else if (o.command == "consolidate") {
     status = RunConsolidate(o, data);
   } else {
-    std::string path = o.module.empty() ? pf::ExecutableDir() + "libtvu_con.so" : o.module;
+    std::string path = o.module.empty() ? pf::ExecutableDir() + TVUCON_MODULE_FILE : o.module;
     Module m;
     if (!LoadModule(path, &m, &error)) {
       fprintf(stderr, "tvucon: cannot load module: %s\n", error.c_str());

@@ -2,7 +2,6 @@
 #include "tvucon/tvucon_tree.h"
 
 #include <sys/stat.h>
-#include <utime.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -228,8 +227,7 @@ struct ExportContext {
 // The catalog's modification time on the copy (access time alike).
 int SetTimes(const std::string& target, time_t mtime) {
   if (mtime == 0) return 0;
-  struct utimbuf times = {mtime, mtime};
-  return utime(target.c_str(), &times) == 0 ? 0 : errno;
+  return pf::SetFileTimes(target.c_str(), mtime);
 }
 
 int CmdExport(const TvuconOptions& o, uint64_t total) {

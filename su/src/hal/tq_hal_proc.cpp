@@ -29,7 +29,7 @@ constexpr uint32_t kTeeSliceMs = 100;
 
 pf::ProcessSetup ShellSetup(const char* cmdLine) {
   pf::ProcessSetup setup;
-  setup.argv = {"/bin/sh", "-c", cmdLine};
+  setup.argv = pf::ShellArgv(cmdLine);
   setup.newGroup = true;
   return setup;
 }

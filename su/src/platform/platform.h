@@ -2,7 +2,7 @@
 //
 // Every call the module, its runtime and its tools make into the operating
 // system goes through this header.  There is one implementation per OS
-// (platform_posix.cpp here; a Windows build adds platform_win.cpp) and CMake
+// (platform_posix*.cpp for Linux, platform_win32*.cpp for Windows) and CMake
 // picks it.  Callers never test the OS and never hold a file descriptor.
 //
 // Paths: callers pass paths in the module's own form, where "\" and "/" both
@@ -68,6 +68,11 @@ int FileSizeByPath(const char* path, uint64_t* size);
 int FileTimes(const char* path, time_t* ctime, time_t* mtime);
 // 1 when path names an existing regular file or directory.
 bool PathExists(const char* path);
+// Sets a file's modification and access times to `mtime`; 0 or an errno value.
+int SetFileTimes(const char* path, time_t mtime);
+// Cuts the file of an open stream at `size` bytes and puts the stream's
+// position there (resuming a partly written output); 0 or an errno value.
+int StdioCutAt(FILE* stream, uint64_t size);
 // Creates a directory and any missing parents.
 int MakeDirs(const char* path);
 // Creates an anonymous temporary file opened for update ("w+"), deleted at close.
@@ -173,6 +178,9 @@ struct ProcessSetup {
   // everything it started too (a job object on Windows).
   bool newGroup = true;
 };
+// The program and arguments that run a command line through the system's
+// shell ("/bin/sh -c" here, "cmd.exe /c" on Windows).
+std::vector<std::string> ShellArgv(const std::string& cmdLine);
 struct Process;  // opaque; one started child process
 // Starts a process.  On failure returns the OS error and *why names the step
 // that failed ("open output file X", "start sh").  Signals the caller ignores
@@ -212,6 +220,9 @@ int TcpProbe(const char* host, const char* port, int* error);
 // ---- process and time ------------------------------------------------------
 // Looks up an exported symbol of the main executable of this process.
 void* HostSymbol(const char* name);
+// The file name of the dynamic library `base` ("libBASE.so" here, "BASE.dll"
+// on Windows).
+std::string LibraryFileName(const char* base);
 // Dynamic libraries: null on failure with the reason in *error.
 void* LibraryOpen(const char* path, std::string* error);
 void* LibrarySymbol(void* library, const char* name);
@@ -227,8 +238,15 @@ uint64_t CpuTicksMs();
 // Environment.
 bool GetEnv(const char* name, std::string* value);
 int SetEnv(const char* name, const char* value);
+int UnsetEnv(const char* name);
 // True when the stream is a terminal.
 bool IsTerminal(FILE* stream);
+// Keeps the data a program writes to standard output apart from the notes
+// that code inside it prints with printf: with `keepData`, returns a new
+// binary stream over the original standard output (null with *error set on
+// failure); either way the standard output then goes to the standard error
+// (or, failing that, to the null device), so that it always stays open.
+FILE* SeparateStandardOutput(bool keepData, std::string* error);
 
 }  // namespace pf
 

@@ -220,6 +220,20 @@ int FileSync(File* f) {
   return ::fsync(f->fd) == 0 ? 0 : errno;
 }
 
+int SetFileTimes(const char* path, time_t mtime) {
+  struct timespec times[2];
+  times[0].tv_sec = times[1].tv_sec = mtime;
+  times[0].tv_nsec = times[1].tv_nsec = 0;
+  return ::utimensat(AT_FDCWD, path, times, 0) == 0 ? 0 : errno;
+}
+
+int StdioCutAt(FILE* stream, uint64_t size) {
+  if (fflush(stream) != 0 || ::ftruncate(fileno(stream), static_cast<off_t>(size)) != 0 ||
+      fseeko(stream, static_cast<off_t>(size), SEEK_SET) != 0)
+    return errno;
+  return 0;
+}
+
 int FileTruncate(File* f, uint64_t size) {
   if (!f) return EBADF;
   int rc;
@@ -452,6 +466,8 @@ void* HostSymbol(const char* name) {
   return sym;
 }
 
+std::string LibraryFileName(const char* base) { return std::string("lib") + base + ".so"; }
+
 void* LibraryOpen(const char* path, std::string* error) {
   void* h = dlopen(OsPath(path).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!h && error) {
@@ -501,6 +517,30 @@ bool GetEnv(const char* name, std::string* value) {
 
 int SetEnv(const char* name, const char* value) { return ::setenv(name, value, 1) == 0 ? 0 : errno; }
 
+int UnsetEnv(const char* name) { return ::unsetenv(name) == 0 ? 0 : errno; }
+
 bool IsTerminal(FILE* stream) { return ::isatty(fileno(stream)) == 1; }
+
+FILE* SeparateStandardOutput(bool keepData, std::string* error) {
+  FILE* data = nullptr;
+  if (keepData) {
+    int fd = ::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (fd < 0 || !(data = ::fdopen(fd, "wb"))) {
+      *error = "standard output: " + ErrorText(errno);
+      if (fd >= 0) ::close(fd);
+      return nullptr;
+    }
+  }
+  // Descriptor 1 must stay open whatever happens: a file opened later would
+  // otherwise get it and receive the notes.
+  if (::dup2(STDERR_FILENO, STDOUT_FILENO) < 0) {
+    int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0 && null != STDOUT_FILENO) {
+      ::dup2(null, STDOUT_FILENO);
+      ::close(null);
+    }
+  }
+  return data;
+}
 
 }  // namespace pf

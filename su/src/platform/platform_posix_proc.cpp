@@ -175,6 +175,8 @@ int PlanStream(const StdioSetup& setup, int target, posix_spawn_file_actions_t* 
 
 }  // namespace
 
+std::vector<std::string> ShellArgv(const std::string& cmdLine) { return {"/bin/sh", "-c", cmdLine}; }
+
 int ProcessStart(const ProcessSetup& setup, Process** out, std::string* why) {
   *out = nullptr;
   if (setup.argv.empty()) {

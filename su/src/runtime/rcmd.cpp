@@ -98,7 +98,7 @@ int run_process(const pf::ProcessSetup& setup, int timeoutSec, char* msg, size_t
 int i_PIPE_OPEN_CMD(const char* cmdLine, const char* inFile, const char* outFile, const char* errFile,
                     int timeoutSec, char* msg, size_t msgSize) {
   pf::ProcessSetup setup;
-  setup.argv = {"/bin/sh", "-c", cmdLine ? cmdLine : ""};
+  setup.argv = pf::ShellArgv(cmdLine ? cmdLine : "");
   return RunWithFiles(std::move(setup), inFile, outFile, errFile, timeoutSec, msg, msgSize);
 }
 

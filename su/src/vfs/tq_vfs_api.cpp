@@ -52,7 +52,7 @@ std::string SearchPath(const LIS_NODE* node) {
 int Populate(LIS_NODE* dir) {
   std::vector<LIS_NODE*> entries;
   int32_t rc = GetSavesetEntries(SearchPath(dir).c_str(), true, false, &entries);
-  if (rc == geTerminateInProgress) return ESHUTDOWN;
+  if (rc == geTerminateInProgress) return ECANCELED;
   return rc == geOK ? 0 : EIO;
 }
 

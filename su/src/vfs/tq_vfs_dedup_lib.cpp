@@ -29,7 +29,7 @@ void Bind(void* lib, const std::string& path, const char* name, T* out) {
 
 void Load() {
   std::string path;
-  if (!pf::GetEnv("TQ_DEDUP_LIB", &path) || path.empty()) path = "libtq_dedup.so";
+  if (!pf::GetEnv("TQ_DEDUP_LIB", &path) || path.empty()) path = pf::LibraryFileName("tq_dedup");
   std::string why;
   void* lib = pf::LibraryOpen(path.c_str(), &why);
   if (!lib) LoadFatal("Cannot load next-generation dedup library [" + path + "]: " + why);

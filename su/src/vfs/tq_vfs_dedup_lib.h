@@ -1,9 +1,9 @@
 // tq_vfs_dedup_lib.h - the next-generation dedup library, loaded on first use.
 //
 // The library's path comes from the environment variable TQ_DEDUP_LIB
-// (default "libtq_dedup.so" on the library search path).  A library that
-// cannot be loaded, or lacks one of its functions, ends the process with a
-// message naming it.  Callers hold the dedup library mutex around every call
+// (default "libtq_dedup.so", on Windows "tq_dedup.dll", on the library
+// search path).  A library that cannot be loaded, or lacks one of its
+// functions, ends the process with a message naming it.  Callers hold the dedup library mutex around every call
 // (DedupLibLock / DedupLibUnlock).
 #ifndef TVU_VFS_DEDUP_LIB_H
 #define TVU_VFS_DEDUP_LIB_H

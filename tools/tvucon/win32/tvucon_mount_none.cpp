@@ -1,0 +1,12 @@
+// tvucon_mount_none.cpp - the mount command where the system has no FUSE.
+#include <cerrno>
+
+#include "tvucon/tvucon_mount.h"
+
+int TvuconMount(const std::string& mountpoint, bool foreground, bool debug, std::string* error) {
+  (void)mountpoint;
+  (void)foreground;
+  (void)debug;
+  *error = "this system cannot mount file systems in user space (no FUSE)";
+  return ENOSYS;
+}
