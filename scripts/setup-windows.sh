@@ -35,8 +35,11 @@ if [ ${#missing[@]} -gt 0 ]; then
 fi
 
 mkdir -p "$prefix/include" "$prefix/lib"
-# Boost: header-only libraries, shared with the host build.
+# Header-only libraries, shared with the host build (setup.sh installed
+# them): Boost, and tvucon's CLI11 and nlohmann-json.
 ln -sfn /usr/include/boost "$prefix/include/boost"
+ln -sfn /usr/include/CLI "$prefix/include/CLI"
+ln -sfn /usr/include/nlohmann "$prefix/include/nlohmann"
 
 need_pcre=0
 need_thrift=0

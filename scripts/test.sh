@@ -18,5 +18,8 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 (cd "$root/build-asan" && ctest --output-on-failure -j"$jobs" --timeout 900)
 
+echo "== Windows build (mingw-w64) and its tests under Wine"
+bash "$root/scripts/test-windows.sh"
+
 echo "== fuzz targets (10 s each, clang, ASan + UBSan)"
 bash "$root/scripts/fuzz.sh" 10

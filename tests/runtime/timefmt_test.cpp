@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/platform.h"
+
 namespace {
 
 const char kCatalog[] = "%Y-%m-%d %H:%M:%S";
@@ -130,7 +132,7 @@ TEST(LocalMktimeTest, MatchesMktimeAcrossClockChanges) {
                                "UTC0"};
   for (const char* zone : zones) {
     SCOPED_TRACE(zone);
-    setenv("TZ", zone, 1);
+    pf::SetEnv("TZ", zone);
     tzset();
     int mismatches = 0;
     // Every hour of 2026 at a few minutes and seconds, twice (the second
@@ -165,7 +167,7 @@ TEST(LocalMktimeTest, MatchesMktimeAcrossClockChanges) {
     EXPECT_EQ(mismatches, 0);
   }
   // Fields out of their ranges are normalised as mktime does.
-  setenv("TZ", zones[0], 1);
+  pf::SetEnv("TZ", zones[0]);
   tzset();
   struct tm odd = {};
   odd.tm_year = 126;
@@ -177,9 +179,9 @@ TEST(LocalMktimeTest, MatchesMktimeAcrossClockChanges) {
   copy.tm_isdst = -1;
   EXPECT_EQ(korvo::local_mktime(odd), std::mktime(&copy));
   if (saved != nullptr) {
-    setenv("TZ", savedZone.c_str(), 1);
+    pf::SetEnv("TZ", savedZone.c_str());
   } else {
-    unsetenv("TZ");
+    pf::UnsetEnv("TZ");
   }
   tzset();
 }
