@@ -98,7 +98,11 @@ TEST(MtfChainTest, ConsolidatesToTheCatalogsRunsAndReadsBackAsTheFinalState) {
               kv.second.numbers)
         << kv.first;
 
-  ProcessResult r = c.Tvucon({"consolidate", "--raw", "--output", tmp / "out.mtf", "--quiet"});
+  // The pre-flight walks every file's FILE block and streams and finds nothing.
+  ProcessResult r = c.Tvucon({"check"});
+  ASSERT_EQ(0, r.exitCode) << r.out << r.err;
+
+  r = c.Tvucon({"consolidate", "--raw", "--output", tmp / "out.mtf", "--quiet"});
   ASSERT_EQ(0, r.exitCode) << r.err;
   const std::string expected = ReadFile(c.dir() + "/expected.mtf");
   ASSERT_FALSE(expected.empty());
@@ -144,6 +148,11 @@ TEST(MtfChainTest, DamagedBlockFailsItsFileOnly) {
   ProcessResult r = c.Tvucon({"cat", "/" + victim});
   EXPECT_NE(0, r.exitCode);
   EXPECT_NE(std::string::npos, r.err.find("header checksum")) << r.err;
+  // The pre-flight finds it too, and a consolidation is refused.
+  r = c.Tvucon({"check"});
+  EXPECT_EQ(1, r.exitCode);
+  EXPECT_NE(std::string::npos, (r.out + r.err).find("header checksum")) << r.out << r.err;
+  EXPECT_EQ(1, c.Tvucon({"consolidate", "--raw", "--output", tmp / "out.mtf", "--quiet"}).exitCode);
   r = c.Tvucon({"cat", "/" + other});
   ASSERT_EQ(0, r.exitCode) << r.err;
   EXPECT_TRUE(r.out == ReadFile(c.dir() + "/final/" + other));

@@ -15,6 +15,7 @@
 
 #include "archive/cpio_format.h"
 #include "archive/dump_format.h"
+#include "archive/mtf_stream.h"
 #include "platform/platform.h"
 #include "report/tvu_report.h"
 #include "runtime/ini.h"
@@ -212,6 +213,7 @@ std::string ChainPlan::Unreadable() const {
 
 bool ChainPlan::IsCpio() const { return ConsolidationArgs()->iSavesetType == sdtCPIO; }
 bool ChainPlan::IsDump() const { return ConsolidationArgs()->iSavesetType == sdtDUMP; }
+bool ChainPlan::IsMtf() const { return ConsolidationArgs()->iSavesetType == sdtMTF; }
 
 bool ChainPlan::ReadLine(std::string* line) {
   if (!fp_ || !korvo::read_line(fp_, line)) return false;
@@ -488,6 +490,30 @@ int ChainPlan::Check(bool records, CheckSummary* s, const CheckProgress& progres
                            U64(needed));
   };
 
+  // An MTF saveset: the block at a file's offset is the FILE block of the
+  // item, its streams walk cleanly to the data (or to their end: an empty
+  // file), and the line covers the data.  Folders' blocks are passed over.
+  auto checkMtfRecord = [&](const PlanItem& it) {
+    if (it.type != 'f') return;
+    const std::string where = "saveset " + SavesetBase(it.saveset) + " at offset " + U64(it.offset);
+    const int32_t idx = it.saveset;
+    const MtfReadAt readAt = [idx](uint64_t pos, uint8_t* buf, size_t n) {
+      return static_cast<int64_t>(ReadSavesetAt(idx, pos, reinterpret_cast<char*>(buf), n));
+    };
+    const size_t slash = it.path.find_last_of('/');
+    const std::string base = slash == std::string::npos ? it.path : it.path.substr(slash + 1);
+    std::wstring wideBase;
+    if (!korvo::mbstowcsl(base.data(), base.size(), ".UTF-8,,ISO-8859", &wideBase)) wideBase.clear();
+    MTF_ITEM item;
+    std::string why;
+    ++s->recordsChecked;
+    const int r = MtfWalkFileBlock(readAt, it.offset, sizes_[static_cast<size_t>(idx)], wideBase, &item, &why);
+    if (r != mwFOUND && r != mwEMPTY) return problem(it.line, "no readable FILE block of the item in " + where + ": " + why);
+    if (r == mwFOUND && item.ullDataOffset + item.ullSize > it.span)
+      problem(it.line, "the line covers " + U64(it.span) + " bytes, the item's data in " + where + " ends at " +
+                           U64(item.ullDataOffset + item.ullSize));
+  };
+
   std::string line, why;
   PlanItem it;
   while (ReadLine(&line)) {
@@ -532,6 +558,7 @@ int ChainPlan::Check(bool records, CheckSummary* s, const CheckProgress& progres
     }
     if (records && IsCpio()) checkRecord(it);
     if (records && IsDump()) checkDumpRecord(it);
+    if (records && IsMtf()) checkMtfRecord(it);
   }
   closeRun();
   if (s->items == 0) problem(0, "the catalog lists no items to stream");

@@ -10,7 +10,7 @@
 //   - Check() lists every problem the stream would suffer from: lines that
 //     do not parse or name no known saveset, lines that run backward or
 //     shorten their run, ranges past a saveset's end, records at an item's
-//     offset that are not the item the line names (CPIO and dump savesets),
+//     offset that are not the item the line names (CPIO, dump and MTF savesets),
 //     a catalog without items;
 //   - Next() hands out the catalog's items one by one with the offset each
 //     gets in the stream (what a catalog of the new saveset says);
@@ -99,6 +99,7 @@ class ChainPlan {
   std::vector<std::string> SavesetNames() const;
   // True when the savesets hold CPIO item streams (records can be checked).
   bool IsCpio() const;
+  bool IsMtf() const;
   bool IsDump() const;
   // What of the chain cannot be read (the catalog, savesets), as one
   // sentence; empty when everything opens.
