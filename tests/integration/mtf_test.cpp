@@ -102,8 +102,11 @@ TEST(MtfChainTest, ConsolidatesToTheCatalogsRunsAndReadsBackAsTheFinalState) {
   ProcessResult r = c.Tvucon({"check"});
   ASSERT_EQ(0, r.exitCode) << r.out << r.err;
 
-  r = c.Tvucon({"consolidate", "--raw", "--output", tmp / "out.mtf", "--quiet"});
+  // Verified as it goes out, with the new saveset's catalog.
+  r = c.Tvucon({"consolidate", "--raw", "--verify", "--catalog", tmp / "new.lsl", "--output", tmp / "out.mtf",
+                "--quiet"});
   ASSERT_EQ(0, r.exitCode) << r.err;
+  EXPECT_NE(std::string::npos, ReadFile(tmp / "new.lsl").find("Format: MTF LIS: 2.0"));
   const std::string expected = ReadFile(c.dir() + "/expected.mtf");
   ASSERT_FALSE(expected.empty());
   EXPECT_TRUE(ReadFile(tmp / "out.mtf") == expected) << "the stream is not the catalog's runs";
@@ -153,6 +156,10 @@ TEST(MtfChainTest, DamagedBlockFailsItsFileOnly) {
   EXPECT_EQ(1, r.exitCode);
   EXPECT_NE(std::string::npos, (r.out + r.err).find("header checksum")) << r.out << r.err;
   EXPECT_EQ(1, c.Tvucon({"consolidate", "--raw", "--output", tmp / "out.mtf", "--quiet"}).exitCode);
+  // Streamed without the check, the verification finds the block.
+  r = c.Tvucon({"consolidate", "--no-check", "--raw", "--verify", "--output", tmp / "out.mtf", "--quiet"});
+  EXPECT_EQ(1, r.exitCode);
+  EXPECT_NE(std::string::npos, (r.out + r.err).find("header checksum")) << r.out << r.err;
   r = c.Tvucon({"cat", "/" + other});
   ASSERT_EQ(0, r.exitCode) << r.err;
   EXPECT_TRUE(r.out == ReadFile(c.dir() + "/final/" + other));

@@ -4,16 +4,22 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cstring>
 
 #include "archive/cpio_format.h"
 #include "archive/dump_format.h"
+#include "archive/mtf_stream.h"
 #include "platform/platform.h"
+#include "runtime/text.h"
 
 namespace {
 
 // Bytes gathered at an item's stream offset: an ACL record and the item's
 // own header with the longest name.
 constexpr size_t kProbe = 2 * (128 + cpio::kMaxNameSize + 8);
+// Bytes gathered at an MTF item: its FILE block and the stream headers up to
+// its data (security and other streams before the data are small).
+constexpr size_t kMtfProbe = 64 * 1024;
 
 std::string PlainName(const std::string& name) {
   size_t i = 0;
@@ -41,7 +47,7 @@ int StreamFollower::Start(std::string* error) {
     }
     // The header says version 2, so that readers take every line as such.
     fprintf(catalog_, "Tape ID: %s Tape Label: %s Format: %s LIS: 2.0\n", name_.c_str(), name_.c_str(),
-            plan_->IsDump() ? "DUMP" : "CPIO");
+            plan_->IsDump() ? "DUMP" : plan_->IsMtf() ? "MTF" : "CPIO");
   }
   // Items that lie wholly before a resumed stream's start are written now.
   Feed(nullptr, 0);
@@ -79,6 +85,7 @@ void StreamFollower::Verify(const tvu::PlanItem& it) {
     if (isDir != (it.type == 'd')) return problem(isDir ? "the inode is a folder, the line a file" : "the inode is no folder");
     return;
   }
+  if (plan_->IsMtf()) return VerifyMtf(it, where);
   size_t at = 0;
   for (int pass = 0; pass < 2; ++pass) {
     cpio::Header h;
@@ -104,6 +111,42 @@ void StreamFollower::Verify(const tvu::PlanItem& it) {
   }
 }
 
+// An MTF item: the FILE block of the item and the walk of its streams to its
+// data, over the bytes gathered.  A walk that needs bytes beyond them (streams
+// before the data longer than the probe) leaves the item unchecked.
+void StreamFollower::VerifyMtf(const tvu::PlanItem& it, const std::string& where) {
+  if (it.type != 'f') {
+    --verified_;  // folders' blocks are not judged
+    return;
+  }
+  bool beyond = false;
+  const MtfReadAt readAt = [this, &beyond](uint64_t pos, uint8_t* buf, size_t n) -> int64_t {
+    if (pos + n > probe_.size()) beyond = true;
+    if (pos >= probe_.size()) return 0;
+    const size_t take = std::min<size_t>(n, probe_.size() - pos);
+    memcpy(buf, probe_.data() + pos, take);
+    return static_cast<int64_t>(take);
+  };
+  const size_t slash = it.path.find_last_of('/');
+  const std::string base = slash == std::string::npos ? it.path : it.path.substr(slash + 1);
+  std::wstring wideBase;
+  if (!korvo::mbstowcsl(base.data(), base.size(), ".UTF-8,,ISO-8859", &wideBase)) wideBase.clear();
+  MTF_ITEM item;
+  std::string why;
+  const int r = MtfWalkFileBlock(readAt, 0, it.span, wideBase, &item, &why);
+  if (r == mwTRUNCATED && beyond && probe_.size() < it.span) {
+    --verified_;  // not judged
+    return;
+  }
+  if (r != mwFOUND && r != mwEMPTY) {
+    problems_.push_back(where + ": no readable FILE block of the item: " + why);
+    return;
+  }
+  if (r == mwFOUND && item.ullDataOffset + item.ullSize > it.span)
+    problems_.push_back(where + ": the item's data ends " + std::to_string(item.ullDataOffset + item.ullSize) +
+                        " bytes into it, past the " + std::to_string(it.span) + " bytes the line covers");
+}
+
 void StreamFollower::Feed(const char* data, size_t n) {
   const uint64_t start = pos_, end = pos_ + n;
   pos_ = end;
@@ -114,12 +157,13 @@ void StreamFollower::Feed(const char* data, size_t n) {
         return;
       }
       haveCur_ = true;
-      // Records are checked in CPIO and dump streams; others pass.
-      curChecked_ = !verify_ || cur_.streamOffset < from_ || (!plan_->IsCpio() && !plan_->IsDump());
+      // Records are checked in CPIO, dump and MTF streams; others pass.
+      curChecked_ = !verify_ || cur_.streamOffset < from_ || (!plan_->IsCpio() && !plan_->IsDump() && !plan_->IsMtf());
       probe_.clear();
     }
     if (!curChecked_) {
-      const uint64_t want = std::min<uint64_t>(cur_.span, plan_->IsDump() ? dump::kRecordSize : kProbe);
+      const uint64_t want =
+          std::min<uint64_t>(cur_.span, plan_->IsDump() ? dump::kRecordSize : plan_->IsMtf() ? kMtfProbe : kProbe);
       const uint64_t next = cur_.streamOffset + probe_.size();
       if (next < start) {
         // The line goes back into bytes already gone (a catalog that was

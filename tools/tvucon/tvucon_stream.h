@@ -35,6 +35,7 @@ class StreamFollower {
  private:
   void WriteLine(const tvu::PlanItem& item);
   void Verify(const tvu::PlanItem& item);
+  void VerifyMtf(const tvu::PlanItem& item, const std::string& where);
 
   tvu::ChainPlan* plan_;
   std::string catalogPath_, name_;
