@@ -15,6 +15,7 @@
 
 namespace {
 
+using tvutest::Contains;
 using tvutest::BuiltProgram;
 using tvutest::ProcessResult;
 using tvutest::ReadFile;
@@ -62,10 +63,6 @@ ProcessResult Consolidate(const Chain& c, const std::string& out, std::vector<st
                                    "--output", out, "--quiet"};
   argv.insert(argv.end(), extra.begin(), extra.end());
   return RunProcess(argv);
-}
-
-bool Contains(const std::string& haystack, const std::string& needle) {
-  return haystack.find(needle) != std::string::npos;
 }
 
 // ---- the stream, flavour by flavour ----------------------------------------

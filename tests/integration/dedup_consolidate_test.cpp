@@ -18,16 +18,13 @@
 
 namespace {
 
+using tvutest::Contains;
 using tvutest::BuiltProgram;
 using tvutest::DedupServer;
 using tvutest::ProcessResult;
 using tvutest::ReadFile;
 using tvutest::RunProcess;
 using tvutest::TempDir;
-
-bool Contains(const std::string& haystack, const std::string& needle) {
-  return haystack.find(needle) != std::string::npos;
-}
 
 // The first line of text that starts with prefix, without its line end; ""
 // when there is none.

@@ -20,6 +20,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using tvutest::Contains;
 using tvutest::BuiltProgram;
 using tvutest::DumpFixture;
 using tvutest::ProcessResult;
@@ -27,10 +28,6 @@ using tvutest::ReadFile;
 using tvutest::RunProcess;
 using tvutest::Shell;
 using tvutest::TempDir;
-
-bool Contains(const std::string& haystack, const std::string& needle) {
-  return haystack.find(needle) != std::string::npos;
-}
 
 bool HaveRestore() { return Shell("command -v restore >/dev/null 2>&1") == 0; }
 

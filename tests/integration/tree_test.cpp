@@ -16,15 +16,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using tvutest::Contains;
 using tvutest::BuiltProgram;
 using tvutest::ProcessResult;
 using tvutest::ReadFile;
 using tvutest::RunProcess;
 using tvutest::TempDir;
-
-bool Contains(const std::string& haystack, const std::string& needle) {
-  return haystack.find(needle) != std::string::npos;
-}
 
 struct TreeChain {
   std::string dir, con, ini;

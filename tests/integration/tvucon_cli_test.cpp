@@ -20,16 +20,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using tvutest::Contains;
 using tvutest::BuiltProgram;
 using tvutest::ProcessResult;
 using tvutest::ReadFile;
 using tvutest::RunProcess;
 using tvutest::TempDir;
 using tvutest::WriteFile;
-
-bool Contains(const std::string& haystack, const std::string& needle) {
-  return haystack.find(needle) != std::string::npos;
-}
 
 size_t Count(const std::string& haystack, const std::string& needle) {
   size_t n = 0;

@@ -31,6 +31,10 @@ class TempDir {
 
 void WriteFile(const std::string& path, const std::string& content);
 std::string ReadFile(const std::string& path);
+// True when needle occurs in haystack.
+inline bool Contains(const std::string& haystack, const std::string& needle) {
+  return haystack.find(needle) != std::string::npos;
+}
 bool FileExists(const std::string& path);
 
 struct ProcessResult {
